@@ -1,0 +1,57 @@
+#include "support/Cancellation.h"
+
+#include <pthread.h>
+
+#include <ctime>
+
+namespace keywarden {
+
+namespace {
+
+// Leaves the state as it was, so that a thread that nobody cancels (main) can use the same waits.
+// Not a guard object: the forced unwinding of a cancelled thread would run its destructor for nothing.
+int enableCancellation() {
+    int before = PTHREAD_CANCEL_DISABLE;
+    ::pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &before);
+    return before;
+}
+
+void restoreCancellation(int before) {
+    ::pthread_setcancelstate(before, nullptr);
+}
+
+constexpr std::int64_t kLockSliceMilliseconds = 10;
+
+}  // namespace
+
+bool Cancellation::prepareThread() {
+    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    const bool set = ::pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr) == 0;
+    return ::pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr) == 0 && set;
+}
+
+int Cancellation::poll(pollfd* descriptors, nfds_t count, int timeoutMilliseconds) {
+    const int before = enableCancellation();
+    const int result = ::poll(descriptors, count, timeoutMilliseconds);
+    restoreCancellation(before);
+    return result;
+}
+
+bool Cancellation::sleep(std::int64_t milliseconds) {
+    timespec wait{};
+    wait.tv_sec = static_cast<time_t>(milliseconds / 1000);
+    wait.tv_nsec = static_cast<long>(milliseconds % 1000) * 1000000L;
+    const int before = enableCancellation();
+    const int result = ::clock_nanosleep(CLOCK_MONOTONIC, 0, &wait, nullptr);
+    restoreCancellation(before);
+    return result == 0;
+}
+
+void Cancellation::lock(std::mutex& mutex) {
+    // Slices instead of a timed wait: they need no clock that somebody may set, and run only while another
+    // thread of the service is at work.
+    while (!mutex.try_lock())
+        sleep(kLockSliceMilliseconds);
+}
+
+}  // namespace keywarden

@@ -1,0 +1,95 @@
+#include "support/FifoReader.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "support/Accounts.h"
+#include "support/Cancellation.h"
+#include "support/Log.h"
+
+namespace keywarden {
+
+namespace {
+
+constexpr int kAttempts = 3;
+constexpr std::int64_t kBackOffMilliseconds = 500;
+
+// Says nothing against the fifo: it is there, only this process has no room to open it.
+bool isScarcity(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOMEM;
+}
+
+}  // namespace
+
+FifoReader::FifoReader(std::string path, mode_t mode, std::string group)
+    : path_(std::move(path)), mode_(mode), group_(std::move(group)) {}
+
+bool FifoReader::make(const std::string& path, mode_t mode, const std::string& group) {
+    if (::mkfifo(path.c_str(), mode) != 0)
+        return false;
+    const auto gid = groupIdOf(group);
+    if (gid && ::lchown(path.c_str(), static_cast<uid_t>(-1), *gid) != 0)
+        return false;
+    // Others may write the folder: what they put in the fifo's place meanwhile is not touched.
+    return ::fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+UniqueFd FifoReader::openEnd() const {
+    UniqueFd end(::open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
+    struct stat info {};
+    if (end && (::fstat(end.get(), &info) != 0 || !S_ISFIFO(info.st_mode))) {
+        end.reset();
+        errno = EINVAL;
+    }
+    return end;
+}
+
+bool FifoReader::open() {
+    for (int attempt = 1;; ++attempt) {
+        UniqueFd next = openEnd();
+        if (next) {
+            end_ = std::move(next);
+            return true;
+        }
+        const bool scarce = isScarcity(errno);
+        if (attempt == kAttempts)
+            return false;
+        if (attempt > 1 || scarce)
+            Cancellation::sleep(kBackOffMilliseconds);
+        if (scarce)
+            continue;
+        if (attempt == 1)
+            Log::write(SeverityError, "The path " + path_ + " is not a fifo any more. Making it again.");
+        ::unlink(path_.c_str());
+        make(path_, mode_, group_);
+    }
+}
+
+ssize_t FifoReader::read(char* buffer, std::size_t capacity) {
+    // A fresh read end reports nothing until a writer has come: this is the wait for the writer's open. Once
+    // text has come, its end is looked for without a wait: of a writer that came and left between the last
+    // end and the opening of this read end, only the text is reported.
+    bool waits = !inText_;
+    for (;;) {
+        pollfd waiting{end_.get(), POLLIN, 0};
+        if (Cancellation::poll(&waiting, 1, waits ? -1 : 0) < 0 && errno == EINTR)
+            continue;
+        const ssize_t count = ::read(end_.get(), buffer, capacity);
+        if (count > 0) {
+            inText_ = true;
+            return count;
+        }
+        if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
+            waits = waits || errno == EAGAIN;
+            continue;
+        }
+        inText_ = false;
+        return open() ? 0 : -1;
+    }
+}
+
+}  // namespace keywarden

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace keywarden {
+
+/// A file could not be written; errorNumber() is the errno of the call that failed.
+class FileWriteError : public std::runtime_error {
+  public:
+    FileWriteError(const std::string& message, int errorNumber)
+        : std::runtime_error(message), errorNumber_(errorNumber) {}
+
+    [[nodiscard]] int errorNumber() const { return errorNumber_; }
+
+  private:
+    int errorNumber_;
+};
+
+}  // namespace keywarden

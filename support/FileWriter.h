@@ -1,0 +1,68 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "support/UniqueFd.h"
+
+namespace keywarden {
+
+/// What a written file ends up with.
+struct FileAttributes {
+    mode_t mode = 0644;
+    std::string group;  ///< by name; empty or unknown: the writer's own
+    std::string user;   ///< by name; empty or unknown: the writer's own
+    /// The folder must belong to the daemon's user and not be a link: set for everything that stands in the
+    /// stores, whose upper folders a service's management group may write.
+    bool inOwnFolder = false;
+};
+
+/// Writes files so that no reader and no power cut ever meets a half-written one, or one with wider rights
+/// than its final ones: each is written beside its place at 0600, gets its owner, group and mode, its
+/// content, is synced, and is then renamed over the old one; the folder is synced last.
+///
+/// stage() does all up to the rename, commit() the renames in staging order and one sync a folder. What is
+/// not committed is removed by the destructor; the old files are then untouched.
+class FileWriter {
+  public:
+    FileWriter() = default;
+    FileWriter(const FileWriter&) = delete;
+    FileWriter& operator=(const FileWriter&) = delete;
+    ~FileWriter();
+
+    /// Throws FileWriteError when the file cannot be made or written, and std::runtime_error with the texts
+    /// of Tools::changeMode, changeUser and changeGroup (naming `path`) when its rights cannot be set. The
+    /// files staged before stay so.
+    void stage(const std::string& path, std::string_view content, const FileAttributes& attributes);
+
+    /// Throws FileWriteError when a rename or a sync fails; the files before it are in place.
+    void commit();
+
+    /// One file, staged and committed.
+    static void write(const std::string& path, std::string_view content, const FileAttributes& attributes);
+
+  private:
+    struct Folder {
+        std::string path;
+        bool ours;
+        std::shared_ptr<UniqueFd> descriptor;
+    };
+    struct Staged {
+        std::string path;
+        std::string name;
+        std::string temporaryName;
+        std::shared_ptr<UniqueFd> folder;
+    };
+
+    static void remove(const Staged& file);
+    std::shared_ptr<UniqueFd> folderOf(const std::string& folder, const std::string& path, bool mustBeOurs);
+
+    std::vector<Folder> folders_;
+    std::vector<Staged> staged_;
+};
+
+}  // namespace keywarden

@@ -1,0 +1,74 @@
+#include "support/StopRequest.h"
+
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+
+#include "support/Clock.h"
+
+namespace keywarden {
+
+namespace {
+
+constexpr std::int64_t kBudgetMilliseconds = 1000;
+constexpr std::int64_t kNotRaised = -1;
+
+std::atomic<std::int64_t> raisedAt{kNotRaised};
+
+bool isSignalPending() {
+    sigset_t pending;
+    ::sigemptyset(&pending);
+    ::sigpending(&pending);
+    return ::sigismember(&pending, SIGINT) == 1 || ::sigismember(&pending, SIGTERM) == 1 ||
+           ::sigismember(&pending, SIGQUIT) == 1;
+}
+
+}  // namespace
+
+sigset_t StopRequest::signals() {
+    sigset_t set;
+    ::sigemptyset(&set);
+    ::sigaddset(&set, SIGINT);
+    ::sigaddset(&set, SIGTERM);
+    ::sigaddset(&set, SIGQUIT);
+    return set;
+}
+
+void StopRequest::raise() {
+    std::int64_t expected = kNotRaised;
+    if (!raisedAt.compare_exchange_strong(expected, Clock::monotonicMilliseconds()))
+        return;
+    const std::uint64_t one = 1;
+    static_cast<void>(!::write(raisedDescriptor(), &one, sizeof one));
+}
+
+bool StopRequest::isRaised() {
+    if (raisedAt == kNotRaised && isSignalPending())
+        raise();
+    return raisedAt != kNotRaised;
+}
+
+int StopRequest::raisedDescriptor() {
+    static const int descriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    return descriptor;
+}
+
+int StopRequest::pendingSignalDescriptor() {
+    static const int descriptor = [] {
+        const sigset_t set = signals();
+        return ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+    }();
+    return descriptor;
+}
+
+std::int64_t StopRequest::millisecondsLeft() {
+    if (!isRaised())
+        return kBudgetMilliseconds;
+    const std::int64_t spent = Clock::monotonicMilliseconds() - raisedAt;
+    return std::max<std::int64_t>(0, kBudgetMilliseconds - spent);
+}
+
+}  // namespace keywarden

@@ -1,0 +1,46 @@
+#include "testsupport/TestClock.h"
+
+#include <atomic>
+#include <chrono>
+
+#include "support/Clock.h"
+
+namespace {
+
+constexpr std::int64_t kNotSet = INT64_MIN;
+std::atomic<std::int64_t> fixedTime{kNotSet};
+
+template <typename ClockType>
+std::int64_t milliseconds() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(ClockType::now().time_since_epoch()).count();
+}
+
+}  // namespace
+
+namespace keywarden {
+
+std::int64_t Clock::now() {
+    return fixedTime == kNotSet ? nowMilliseconds() / 1000 : fixedTime.load();
+}
+
+std::int64_t Clock::nowMilliseconds() {
+    return fixedTime == kNotSet ? milliseconds<std::chrono::system_clock>() : fixedTime * 1000;
+}
+
+std::int64_t Clock::monotonicMilliseconds() {
+    return milliseconds<std::chrono::steady_clock>();
+}
+
+}  // namespace keywarden
+
+namespace testsupport {
+
+void TestClock::set(std::int64_t secondsSinceEpoch) {
+    fixedTime = secondsSinceEpoch;
+}
+
+void TestClock::reset() {
+    fixedTime = kNotSet;
+}
+
+}  // namespace testsupport
