@@ -1,0 +1,224 @@
+#include "config/ServiceConfiguration.h"
+
+#include <sys/stat.h>
+
+#include <fstream>
+#include <stdexcept>
+#include <utility>
+
+#include "config/ConfigValues.h"
+#include "daemon/DaemonConfiguration.h"
+#include "support/Debug.h"
+#include "support/Failure.h"
+#include "support/Tools.h"
+
+namespace keywarden {
+
+namespace {
+
+constexpr std::uint32_t kSecondsPerDay = 86400;
+constexpr std::int32_t kDefaultValidity = 30;
+
+/// Runs a parser; its failure is told under the parameter's name, which brings its own separator
+/// (": maximum CA").
+template <typename Parse>
+auto parsed(const std::string& parameter, Parse&& parse) {
+    try {
+        return parse();
+    } catch (...) {
+        const std::string text = "exception caught while reading config parameter" + parameter;
+        throw std::runtime_error(
+            Failure::current().message("Standard " + text + " - ", "Generic " + text + "."));
+    }
+}
+
+/// Two slashes: the folder brings none, and both stay.
+std::string servicePath(const std::string& serviceId) {
+    return DaemonConfiguration::getInstance().getServiceConfigDirectory() + "/" + "/" + serviceId;
+}
+
+std::string storePath(const std::string& serviceId, const std::string& store, const std::string& what) {
+    try {
+        return servicePath(serviceId) + store;
+    } catch (...) {
+        const std::string text = "exception caught while getting " + what;
+        throw std::runtime_error(
+            Failure::current().runtimeMessage("Runtime error caught while getting " + what + ": ",
+                                              "Std " + text + ": ", "Generic " + text + "."));
+    }
+}
+
+/// A folder can be opened and read to an empty end, and a fifo would be waited on for ever.
+bool isRegularFile(const std::string& path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
+ConfigValues readFile(const std::string& path, const std::string& serviceId) {
+    std::ifstream file;
+    if (isRegularFile(path))
+        file.open(path);
+    if (file.is_open()) {
+        ConfigValues values(Tools::getConfigFileMap(file));
+        if (!file.bad())
+            return values;
+    }
+    throw std::runtime_error("No configuration file for the service " + serviceId);
+}
+
+}  // namespace
+
+ServiceConfiguration::ServiceConfiguration(const std::string& serviceId) : serviceId_(serviceId) {
+    reload();
+}
+
+void ServiceConfiguration::reload() {
+    const ConfigValues values = readFile(getServiceConfigFile(), serviceId_);
+    readOwner(values);
+    readDailyExpiryCheck(values);
+    readRequestSettings(values);
+    readSelfSigned(values);
+    readCASigned(values);
+    networkInvalidRevokePKIcert_ = values.isYes("networkInvalidRevokePKIcert");
+    opensslEngine_ = values.isYes("opensslEngine");
+    includeFQDN_ = values.isYes("includeFQDN");
+    readInterfaces(values);
+    // A store that is switched off keeps its limits.
+    if (ca_)
+        readCAStore(values);
+    if (trustedClients_)
+        readTrustedClientsStore(values);
+}
+
+void ServiceConfiguration::readOwner(const ConfigValues& values) {
+    serviceName_ = values.text("name");
+    server_ = values.isYes("server");
+    ca_ = values.isYes("ca");
+    trustedClients_ = values.isYes("trustedClients");
+    keyGroup_ = values.text("keyGroup");
+    // So spelled in every file.
+    managementGroup_ = values.text("managmentGroup");
+    callbackScript_ = values.text("callbackScript");
+    callbackLibrary_ = values.text("callbackLibrary");
+}
+
+void ServiceConfiguration::readDailyExpiryCheck(const ConfigValues& values) {
+    static const std::string kKey = "CertDailyExpiryChkTimeOffsetSecs";
+    dailyExpiryCheckOffset_ = 0;
+    if (!values.has(kKey))
+        return;
+    const std::uint64_t offset =
+        parsed(" certificate expiry check offset time", [&] { return values.number(kKey); });
+    debugTrace("value for CertDailyExpiryChkTimeOffsetSecs :" + std::to_string(offset));
+    // Zero is fine, whatever the text says.
+    if (offset >= kSecondsPerDay)
+        throw std::runtime_error(
+            "Invalid config parameter: certificate expiry check offset time should be greater than zero and "
+            "less "
+            "than seconds in one day.");
+    dailyExpiryCheckOffset_ = static_cast<std::uint32_t>(offset);
+}
+
+void ServiceConfiguration::readRequestSettings(const ConfigValues& values) {
+    cnfHookFile_ = values.text("cnfHookFile");
+    cnfFile_ = values.text("cnfFile");
+    if (!cnfHookFile_.empty() || !cnfFile_.empty())
+        return;
+    debugTrace("Error: cnfHookFile or cnfFile must be defined");
+    throw std::runtime_error("Invalid config parameter: cnf File or cnfFile must be defined");
+}
+
+void ServiceConfiguration::readSelfSigned(const ConfigValues& values) {
+    selfSignedGeneration_ = values.isYes("selfSignedGeneration");
+    selfSignedOnExpiration_ = values.isYes("selfSignedOnExpiration");
+    selfSignedValidity_ = parsed(": self-signed validity", [&] {
+        return values.positiveNumber("selfSignedValidity", kDefaultValidity);
+    });
+    selfSignedValidityOffset_ = parsed(": self-signed validity offset",
+                                       [&] { return values.positiveNumber("selfSignedValidityOffset", 0); });
+    if (values.has("selfSignedValidityOffset") && selfSignedValidityOffset_ >= selfSignedValidity_)
+        throw std::runtime_error(
+            "Invalid config parameter: selfsigned validity offset should be less than validity.");
+}
+
+void ServiceConfiguration::readCASigned(const ConfigValues& values) {
+    caSignedGeneration_ = values.isYes("CASignedGeneration");
+    caSignedOnExpiration_ = values.isYes("CASignedOnExpiration");
+    caServiceId_ = values.text("CAServiceId");
+    caSignedValidity_ = parsed(": CA-signed validity",
+                               [&] { return values.positiveNumber("CASignedValidity", kDefaultValidity); });
+    caSignedValidityOffset_ = parsed(": CA-signed validity offset",
+                                     [&] { return values.positiveNumber("CASignedValidityOffset", 0); });
+    // Without the full stop that its self-signed sister has.
+    if (values.has("CASignedValidityOffset") && caSignedValidityOffset_ >= caSignedValidity_)
+        throw std::runtime_error(
+            "Invalid config parameter: CA-signed validity offset should be less than validity");
+}
+
+void ServiceConfiguration::readInterfaces(const ConfigValues& values) {
+    interfaces_.clear();
+    interfaceList_.clear();
+    for (unsigned index = 0;; ++index) {
+        const std::string number = std::to_string(index);
+        ServiceNetworkConfiguration record;
+        record.name = values.text("networkInterface." + number);
+        if (record.name.empty())
+            return;
+        record.regenerateIfOff = values.isYes("regenerateIfOff." + number);
+        record.includeIPv4 = values.isYes("includeIPv4." + number);
+        record.includeIPv4Auto = values.isYes("includeIPv4Auto." + number);
+        record.includeIPv6 = values.isYes("includeIPv6." + number);
+        record.includeIPv6Auto = values.isYes("includeIPv6Auto." + number);
+        // An interface that is listed twice keeps its first record.
+        interfaces_.emplace(record.name, record);
+        interfaceList_.push_back(record.name);
+    }
+}
+
+void ServiceConfiguration::readCAStore(const ConfigValues& values) {
+    maximumCA_ = 0;
+    uniqueCaByCn_ = false;
+    if (values.has("maximumCA"))
+        maximumCA_ = parsed(": maximum CA", [&] { return values.shortNumber("maximumCA"); });
+    uniqueCaByCn_ = values.isYes("uniqueCaByCn");
+}
+
+void ServiceConfiguration::readTrustedClientsStore(const ConfigValues& values) {
+    maximumTrustedClients_ = 0;
+    // The limit counts only in a file that also limits the CA store: files in use rely on it.
+    if (values.has("maximumCA") && values.has("maximumTrustedClients"))
+        maximumTrustedClients_ =
+            parsed(": maximum trusted client", [&] { return values.shortNumber("maximumTrustedClients"); });
+    uniqueTrustedClientByCn_ = values.isYes("uniqueTrustedClientByCn");
+}
+
+std::string ServiceConfiguration::getServiceConfigFile() const {
+    return servicePath(serviceId_) + ".conf";
+}
+
+std::string ServiceConfiguration::getTrustedClientsPath() const {
+    return storePath(serviceId_, "/client", "trusted client path");
+}
+
+std::string ServiceConfiguration::getCAPath() const {
+    return storePath(serviceId_, "/ca", "CA path");
+}
+
+std::string ServiceConfiguration::getServerPath() const {
+    return storePath(serviceId_, "/server", "server path");
+}
+
+const ServiceNetworkConfiguration& ServiceConfiguration::getNetworkInterfaces(const std::string& name) const {
+    return interfaces_.at(name);
+}
+
+void ServiceConfiguration::setExcludeIpForAllNetworkInterfaces() {
+    for (auto& [name, record] : interfaces_) {
+        record.includeIPv4 = false;
+        record.includeIPv4Auto = false;
+        record.includeIPv6 = false;
+        record.includeIPv6Auto = false;
+    }
+}
+
+}  // namespace keywarden

@@ -1,0 +1,72 @@
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+
+#include "config/ServiceConfiguration.h"
+#include "daemon/DaemonConfiguration.h"
+#include "support/Failure.h"
+
+namespace keywarden {
+
+namespace {
+
+struct CloseFolder {
+    void operator()(DIR* folder) const { ::closedir(folder); }
+};
+using Folder = std::unique_ptr<DIR, CloseFolder>;
+
+/// Nothing at the end; a failure to read on is no end.
+const dirent* nextEntry(const Folder& folder, const std::string& path) {
+    errno = 0;
+    const dirent* const entry = ::readdir(folder.get());
+    if (entry == nullptr && errno != 0)
+        throw std::runtime_error("Failed to read '" + path + "': " + std::strerror(errno));
+    return entry;
+}
+
+/// Links are no services, whatever they lead to. Some file systems do not tell the type with the name.
+bool isRegularFile(const dirent& entry, const std::string& folder) {
+    if (entry.d_type != DT_UNKNOWN)
+        return entry.d_type == DT_REG;
+    struct stat info {};
+    return ::lstat((folder + "/" + entry.d_name).c_str(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
+/// Empty for a name that is no service's: only the first dot counts, so "a.b.conf" names none.
+std::string serviceId(const std::string& fileName) {
+    const auto dot = fileName.find('.');
+    if (dot == std::string::npos || fileName.substr(dot) != ".conf")
+        return {};
+    return fileName.substr(0, dot);
+}
+
+std::vector<std::string> readServiceList(const std::string& path) {
+    const Folder folder(::opendir(path.c_str()));
+    if (!folder)
+        throw std::runtime_error("Failed to open '" + path + "': " + std::strerror(errno));
+    std::vector<std::string> services;
+    while (const dirent* const entry = nextEntry(folder, path)) {
+        std::string id = serviceId(entry->d_name);
+        if (!id.empty() && isRegularFile(*entry, path))
+            services.push_back(std::move(id));
+    }
+    return services;
+}
+
+}  // namespace
+
+std::vector<std::string> ServiceConfiguration::getServiceList() {
+    try {
+        return readServiceList(DaemonConfiguration::getInstance().getServiceConfigDirectory());
+    } catch (...) {
+        throw std::runtime_error(
+            Failure::current().message("Std exception caught while getting service list: ",
+                                       "Generic exception caught while getting service list."));
+    }
+}
+
+}  // namespace keywarden
