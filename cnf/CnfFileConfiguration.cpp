@@ -1,0 +1,77 @@
+#include "cnf/CnfFileConfiguration.h"
+
+#include <fstream>
+#include <stdexcept>
+
+#include "support/Debug.h"
+#include "support/Exec.h"
+#include "support/Failure.h"
+#include "support/KeywardenDaemonException.h"
+#include "support/Log.h"
+#include "support/Tools.h"
+
+namespace keywarden {
+
+namespace {
+
+constexpr int kCommonNameIsEmpty = 8;
+
+// Only one character is cut, whatever it is: a script whose last line has no line feed loses its last letter.
+std::string withoutLastCharacter(std::string printed) {
+    if (printed.find('\n') != std::string::npos) {
+        printed.pop_back();
+    }
+    return printed;
+}
+
+std::string commonNameFromScript(const std::string& script) {
+    zlk::Exec run({script, ""}, 0);
+    debugTrace(run.standardError().str());
+    debugTrace(run.standardOutput().str());
+    return withoutLastCharacter(run.wholeOutput().str());
+}
+
+std::map<std::string, std::string> readSettings(const std::string& path) {
+    const std::string failure = "Failed to read configuration file-" + path;
+    std::ifstream file(path);
+    if (!file) {
+        throw std::runtime_error(failure);
+    }
+    std::map<std::string, std::string> settings = Tools::getConfigMap(file);
+    if (file.bad()) {  // a folder opens, but cannot be read
+        throw std::runtime_error(failure);
+    }
+    return settings;
+}
+
+}  // namespace
+
+CnfFileConfiguration::CnfFileConfiguration(const std::string& path) : path_(path) {
+    debugTrace("Cnf File configuration: Reading '" + path + " ...'");
+    sourceName_ = path;
+    const std::map<std::string, std::string> settings = readSettings(path);
+    loadConfiguration(settings);
+    commonNameScript_ = isConfigPresent(settings, "commonNameScript");
+}
+
+std::string CnfFileConfiguration::getCN() const {
+    try {
+        if (!commonName_.empty()) {
+            return commonName_;
+        }
+        const std::string printed =
+            commonNameScript_.empty() ? std::string() : commonNameFromScript(commonNameScript_);
+        if (printed.empty()) {
+            throw KeywardenDaemonException(kCommonNameIsEmpty, "Common name is empty!");
+        }
+        return printed;
+    } catch (...) {
+        Log::write(SeverityError,
+                   Failure::current().message("Daemon exception caught while calling getCN function:",
+                                              "Std exception caught while calling getCN function:",
+                                              "Unknown exception caught while calling getCN function."));
+    }
+    return std::string();
+}
+
+}  // namespace keywarden
