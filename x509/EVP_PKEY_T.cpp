@@ -1,0 +1,110 @@
+#include "x509/EVP_PKEY_T.h"
+
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+
+#include <array>
+#include <cstdio>
+
+#include "x509/CryptoFailure.h"
+#include "x509/KeyGeneration.h"
+#include "x509/KeyTypes.h"
+#include "x509/OpenSslPtr.h"
+#include "x509/PemText.h"
+#include "x509/X509_REQ_T.h"
+#include "x509/X509_T.h"
+
+namespace keywarden {
+
+namespace {
+
+const PemFailureTexts kPemFailures = {
+    "Failed to allocate memory for BIO for keys",
+    "Failed to convert the private key to BIO",
+    "Failed to allocate memory to hold keys data during conversion",
+    "Error during reading keys from BIO object!",
+};
+
+// The bytes that a file BIO has read ahead; overwritten when the file is closed. The C library's own buffer
+// would go back to the heap with the key in it.
+class ReadAhead {
+  public:
+    ReadAhead() = default;
+    ReadAhead(const ReadAhead&) = delete;
+    ReadAhead& operator=(const ReadAhead&) = delete;
+    ~ReadAhead() { OPENSSL_cleanse(bytes_.data(), bytes_.size()); }
+
+    void attachTo(BIO* bio) {
+        std::FILE* file = nullptr;
+        if (BIO_get_fp(bio, &file) == 1 && file != nullptr) {
+            static_cast<void>(std::setvbuf(file, bytes_.data(), _IOFBF, bytes_.size()));
+        }
+    }
+
+  private:
+    std::array<char, 4096> bytes_{};
+};
+
+}  // namespace
+
+void EVP_PKEY_T::Free::operator()(EVP_PKEY* key) const {
+    EVP_PKEY_free(key);
+}
+
+EVP_PKEY_T::EVP_PKEY_T(const std::string& path) {
+    ReadAhead readAhead;  // outlives the file
+    const BioPtr bio(BIO_new(BIO_s_file()));
+    if (bio && BIO_read_filename(bio.get(), path.c_str()) == 1) {
+        readAhead.attachTo(bio.get());
+        key_.reset(PEM_read_bio_PrivateKey(bio.get(), nullptr, refusePassword, nullptr));
+    }
+    if (!key_) {
+        throwCryptoFailure("Extract of private key from file failed.");
+    }
+}
+
+EVP_PKEY_T::EVP_PKEY_T(const X509_T& certificate) : key_(X509_get_pubkey(certificate.get())) {
+    if (!key_) {
+        throwCryptoFailure("Extraction of public key failed");
+    }
+}
+
+// The request's text ends in a full stop, the certificate's does not.
+EVP_PKEY_T::EVP_PKEY_T(const X509_REQ_T& request) : key_(X509_REQ_get_pubkey(request.get())) {
+    if (!key_) {
+        throwCryptoFailure("Extraction of public key failed.");
+    }
+}
+
+EVP_PKEY_T::EVP_PKEY_T(const kwdata::CCertificateData& settings)
+    : key_(generateKeyPair(settings.public_key_type, settings.public_key_size_bits).release()) {}
+
+std::string privateKeyToPem(const EVP_PKEY_T& key) {
+    if (key.get() == nullptr) {
+        throwCryptoFailure("Invalid keys object for converting to PEM format.");
+    }
+    return pemText(kPemFailures, [&key](BIO* bio) {
+        return PEM_write_bio_PrivateKey(bio, key.get(), nullptr, nullptr, 0, nullptr, nullptr);
+    });
+}
+
+std::string getPublicKeyType(const EVP_PKEY_T& key) {
+    if (key.get() == nullptr) {
+        return std::string();
+    }
+    switch (EVP_PKEY_type(EVP_PKEY_get_id(key.get()))) {
+        case EVP_PKEY_RSA:
+            return PUBLIC_KEY_RSA;
+        case EVP_PKEY_DSA:
+            return PUBLIC_KEY_DSA;
+        case EVP_PKEY_DH:
+            return PUBLIC_KEY_DH;
+        case EVP_PKEY_EC:
+            return PUBLIC_KEY_ECC;
+        default:
+            return std::string();
+    }
+}
+
+}  // namespace keywarden
