@@ -1,0 +1,97 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "config/ExternalCertificatesAccessor.h"
+#include "stores/CertificateIdCnMap.h"
+#include "stores/CertificateIdList.h"
+#include "support/FileWriter.h"
+#include "x509/X509_T.h"
+
+namespace keywarden {
+
+class ServiceConfiguration;
+
+/// A store of certificates that the service did not issue. No lock of its own: its service serialises it.
+///
+/// A certificate's id is its subject-name hash (8 lower-case hexadecimal digits), "." and a digit; its PEM
+/// file in the certificate folder is named so. Everything else (records, details, list, map) is made from
+/// those files at start-up.
+class ExternalCertificatesStorage {
+  public:
+    /// The configuration must outlive the store. Runs updateFileSystem().
+    ExternalCertificatesStorage(const ServiceConfiguration& configuration, const std::string& storeName);
+    ExternalCertificatesStorage(const ExternalCertificatesStorage&) = delete;
+    ExternalCertificatesStorage& operator=(const ExternalCertificatesStorage&) = delete;
+    virtual ~ExternalCertificatesStorage() = default;
+
+    virtual unsigned getMaxNumberOfCertificates() const = 0;  ///< 0: no limit
+    virtual bool isValidCertificate(const X509_T& certificate) const = 0;
+    virtual bool hashMustBeUnique() const = 0;
+
+    /// Copies a file whose first PEM certificate fits the store, byte for byte, and returns the certificate's
+    /// id. The file is read once, must be a regular one of at most 1 MiB and must hold no private key: what
+    /// is stored is readable by everybody.
+    ///
+    /// Throws KeywardenDaemonException: code 1 when the file is missing or cannot be read, 9 when it holds no
+    /// certificate for this store, 42 when the store or the row of ids with one hash is full, 43 when the
+    /// certificate is there already. Throws std::runtime_error when a file of the store cannot be written;
+    /// what was written before it stays.
+    std::string add(const std::string& sourcePath);
+
+    /// Removes one certificate; the list and map files are not rewritten. Returns whether it was there.
+    bool revoke(const std::string& id);
+    /// Removes several, rewrites the list and map files, and returns the ids really removed. Throws
+    /// std::runtime_error when one of the two cannot be written.
+    CertificateIdList revoke(const std::vector<std::string>& ids);
+
+    /// Brings folders, rights and derived files into line with the certificates that are there. Throws
+    /// nothing: failures are logged.
+    ///
+    /// A file that is named like an id but is not the certificate of that name is logged and kept, yet is no
+    /// part of the store: an addition that gets its id takes its place.
+    void updateFileSystem();
+
+    /// The record of one stored certificate as text. Throws KeywardenDaemonException.
+    std::string getCertInfo(const std::string& id) const;
+
+    /// Throws std::runtime_error.
+    void writeDetails(const X509_T& certificate, const std::string& id) const;
+    /// What is not there counts as removed; failures are logged.
+    void removeCertificateFiles(const std::string& id) const;
+
+    [[nodiscard]] const std::string& storeName() const { return storeName_; }
+
+  protected:
+    [[nodiscard]] const ServiceConfiguration& configuration() const { return configuration_; }
+
+  private:
+    // add(), step by step.
+    void refuseWhenFull() const;
+    [[nodiscard]] X509_T loadSource(const std::string& content) const;
+    [[nodiscard]] std::string newIdOf(const X509_T& certificate) const;
+    [[nodiscard]] std::string onlyIdOf(const std::string& hash, const X509_T& certificate) const;
+    [[nodiscard]] std::string nextIdOf(const std::string& hash, const X509_T& certificate) const;
+    void refuseWhenStoredAs(const std::string& id, const X509_T& certificate) const;
+
+    // updateFileSystem(), step by step.
+    void prepareFolders() const;
+    [[nodiscard]] std::vector<std::string> idsOfFiles() const;
+    void restore(const std::string& id);
+    [[nodiscard]] X509_T checkedCertificate(const std::string& id) const;
+
+    [[nodiscard]] X509_T storedCertificate(const std::string& id) const;
+    void writeIndexes() const;
+    [[nodiscard]] FileAttributes attributes() const;
+    [[nodiscard]] const std::string& service() const;
+    /// " inside <store> for <service>"
+    [[nodiscard]] std::string place() const;
+
+    std::string storeName_;
+    const ServiceConfiguration& configuration_;
+    ExternalCertificatesAccessor accessor_;
+    CertificateIdCnMap idCnMap_;
+};
+
+}  // namespace keywarden

@@ -1,0 +1,55 @@
+#include "stores/IndexFile.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <stdexcept>
+
+#include "stores/RegularFile.h"
+#include "support/FileWriteError.h"
+#include "support/Tools.h"
+
+namespace keywarden {
+
+namespace {
+
+constexpr std::size_t kLargestIndex = std::size_t{64} * 1024 * 1024;
+
+[[noreturn]] void failToOpen(const std::string& path) {
+    throw std::runtime_error("Impossible to open the list file " + path + ".");
+}
+
+std::string contentToKeep(const std::string& path, bool truncate) {
+    if (truncate || !Tools::fileExist(path))
+        return {};
+    std::string content = readIndexFile(path);
+    if (!content.empty() && content.back() != '\n')
+        content += '\n';
+    return content;
+}
+
+}  // namespace
+
+void writeIndexFile(const std::string& path, const std::string& lines, bool truncate,
+                    const FileAttributes& attributes) {
+    const std::string content = contentToKeep(path, truncate) + lines;
+    try {
+        FileWriter::write(path, content, attributes);
+    } catch (const FileWriteError&) {
+        failToOpen(path);
+    }
+}
+
+std::string readIndexFile(const std::string& path) {
+    try {
+        return readRegularFile(path, kLargestIndex);
+    } catch (const std::runtime_error&) {
+        failToOpen(path);
+    }
+}
+
+std::string onOneLine(std::string text) {
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    return text;
+}
+
+}  // namespace keywarden
