@@ -1,0 +1,136 @@
+// The pending request for an external PKI, and the certificate that comes back for it.
+#include <utility>
+
+#include "server/FailureTexts.h"
+#include "server/Server.h"
+#include "server/StoreFiles.h"
+#include "support/Clock.h"
+#include "support/Debug.h"
+#include "support/Failure.h"
+#include "support/KeywardenDaemonException.h"
+#include "support/Tools.h"
+#include "x509/Description.h"
+#include "x509/Inspection.h"
+#include "x509/Validation.h"
+
+namespace keywarden {
+
+namespace {
+
+constexpr int kCertificateUnreadable = 9;
+constexpr int kRequestUnreadable = 21;
+constexpr int kNotForTheRequest = 26;
+
+constexpr FailureTexts kCreatingFailed = {"Daemon exception caught while creating Csr for service '",
+                                          "Std exception caught while creating CSR for service '",
+                                          "Unknown exception caught while creating CSR for service '"};
+
+constexpr std::string_view kReadingText =
+    "Certificate reading failed during applyCrt operation for service '";
+constexpr FailureTexts kReadingFailed = {kReadingText, kReadingText, kReadingText};
+
+// What is read here is a request that was made earlier; the text speaks of its creation.
+constexpr std::string_view kRequestText = "Not able to create the CSR for service '";
+constexpr FailureTexts kRequestFailed = {kRequestText, kRequestText, kRequestText};
+
+constexpr std::string_view kDescribingText =
+    "Std exception caught while getting server csr data for service '";
+constexpr FailureTexts kDescribingFailed = {
+    kDescribingText, kDescribingText, "Unknown exception caught while getting server csr data for service '"};
+
+}  // namespace
+
+void Server::createCsr() {
+    debugTrace("Create csr for service-" + name() + "...");
+    createPendingRequest([this](CnfConfiguration& settings) { return readCnfConfiguration(settings); });
+}
+
+void Server::createCsr(const OverrideStaticConfig& override) {
+    debugTrace("Create csr for service-" + name() + " with config overrided...");
+    createPendingRequest(
+        [&](CnfConfiguration& settings) { return readCnfConfiguration(settings, override); });
+}
+
+void Server::createPendingRequest(
+    const std::function<kwdata::CCertificateData(CnfConfiguration&)>& readSettings) {
+    try {
+        removeCsr();
+        // The whole identity, also when the request leaves the addresses out.
+        const NetworkInfo network(configuration);
+        const kwdata::CCertificateData data = readSettings(*requestSettings(false));
+        const EVP_PKEY_T key(data);
+        savePendingRequest(key, X509_REQ_T(data, key), network);
+    } catch (...) {
+        const bool ofTheDaemon = Failure::current().kind() == Failure::Kind::Daemon;
+        const std::string message = describeFailure(kCreatingFailed, name());
+        removeCsr();
+        // Only the daemon's own exception is followed by a quote and a full stop.
+        throw KeywardenDaemonException(ofTheDaemon ? message + "'." : message);
+    }
+    debugTrace("Create csr for service-" + name() + "... Done.");
+}
+
+void Server::savePendingRequest(const EVP_PKEY_T& key, const X509_REQ_T& request,
+                                const NetworkInfo& network) const {
+    FileWriter writer;
+    debugTrace(" -> Save the key...");
+    stageKey(writer, accessor.csrKeyPath(), key);
+    debugTrace(" -> Save the CSR...");
+    stageFile(writer, accessor.csrPath(), x509CsrToPem(request) + "\n", managedFile());
+    debugTrace(" -> Save the Network...");
+    stageNetwork(writer, accessor.csrNetworkPath(), network);
+    writer.commit();
+}
+
+std::string Server::getCsrInfo() const {
+    return orThrow(kDescribingFailed, name(),
+                   [this] { return getCsrDataString(X509_REQ_T(accessor.csrPath())); });
+}
+
+void Server::applyCrt(const std::string& path) {
+    debugTrace("Apply certificate from External PKI...");
+    const X509_T certificate = readCertificateToApply(path);
+    const auto [request, key] = readPendingRequest();
+    // Signed: a moment before the epoch is long past.
+    const auto notAfter =
+        static_cast<std::int64_t>(asn1datetime_isodatetime(X509_get0_notAfter(certificate.get())));
+    if (notAfter < Clock::now())
+        throw KeywardenDaemonException(
+            "End date of Certificate you are trying to apply is beyond the current system");
+    // The key's folder is less well guarded than the request's: what does not fit is not installed.
+    if (!validateCsrAndCrt(request, certificate) || !keyMatchesCertificate(key, certificate))
+        throw KeywardenDaemonException(kNotForTheRequest, "Error in validating csr and crt");
+    const NetworkInfo network(accessor.csrNetworkPath());
+    installCertificate(certificate, key, network);
+    debugTrace("Apply certificate from External PKI... done.");
+}
+
+X509_T Server::readCertificateToApply(const std::string& path) const {
+    if (path.empty())
+        throw KeywardenDaemonException("Certificate path is empty.");
+    // "exit" is how the text goes.
+    if (!Tools::fileExist(path))
+        throw KeywardenDaemonException("Certificate " + path + " doesn't exit.");
+    try {
+        return readCertificateFile(path);
+    } catch (...) {
+        throw KeywardenDaemonException(kCertificateUnreadable, describeFailure(kReadingFailed, name()));
+    }
+}
+
+std::pair<X509_REQ_T, EVP_PKEY_T> Server::readPendingRequest() {
+    try {
+        X509_REQ_T request(accessor.csrPath());
+        // The volatile folder stands below one that the service's own group may write.
+        refuseSpecialFile(accessor.csrKeyPath());
+        refuseSpecialFile(accessor.csrNetworkPath());
+        EVP_PKEY_T key(accessor.csrKeyPath());
+        return {std::move(request), std::move(key)};
+    } catch (...) {
+        const std::string message = describeFailure(kRequestFailed, name());
+        removeCsr();
+        throw KeywardenDaemonException(kRequestUnreadable, message);
+    }
+}
+
+}  // namespace keywarden
