@@ -1,0 +1,70 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace keywarden {
+
+/// One request line: two opaque header fields, a target, a command and its arguments, separated by TABs.
+class Commands {
+  public:
+    /// The numbers are the interface.
+    enum Target : int {
+        TargetServer = 0,
+        TargetCA = 1,
+        TargetClient = 2,
+        TargetConfig = 3,
+        TargetNone = 4,
+    };
+    enum Command : int {
+        CommandReload = 0,
+        CommandHelp = 1,
+        CommandGetCsr = 2,
+        CommandCreateCsr = 3,
+        CommandCreateCrt = 4,
+        CommandApplyCrt = 5,
+        CommandRevoke = 6,
+        CommandList = 7,
+        CommandAdd = 8,
+        CommandInfo = 9,
+        CommandDetails = 10,
+        CommandPath = 11,
+        CommandGetKey = 12,
+        CommandGetCert = 13,
+        CommandNone = 14,
+        CommandGetOverwrittenData = 15,
+        CommandSetOverwrittenData = 16,
+        CommandListByCN = 17,
+        CommandStatus = 18,
+        CommandGetCsrInfo = 19,
+        CommandGetCertInfo = 20,
+        CommandGetCsrTimestamp = 21,
+    };
+
+    /// No command at all.
+    Commands() = default;
+
+    /// Throws std::runtime_error with the text that the requester receives.
+    explicit Commands(const std::string& line);
+
+    /// TargetNone for an unknown word.
+    [[nodiscard]] static int identifyTarget(const std::string& word);
+
+    /// The line again.
+    [[nodiscard]] std::string toMessage() const;
+
+    [[nodiscard]] int getTarget() const { return target_; }
+    [[nodiscard]] int getCommand() const { return command_; }
+    [[nodiscard]] const std::vector<std::string>& getArguments() const { return arguments_; }
+    [[nodiscard]] const std::string& getFirstHeader() const { return firstHeader_; }
+    [[nodiscard]] const std::string& getSecondHeader() const { return secondHeader_; }
+
+  private:
+    std::string firstHeader_;
+    std::string secondHeader_;
+    int target_ = TargetNone;
+    int command_ = CommandNone;
+    std::vector<std::string> arguments_;
+};
+
+}  // namespace keywarden

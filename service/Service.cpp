@@ -1,0 +1,321 @@
+#include "service/Service.h"
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <stdexcept>
+
+#include "callbacks/BinaryServiceCallbacks.h"
+#include "callbacks/LibraryWrapperServiceCallbacks.h"
+#include "daemon/DaemonConfiguration.h"
+#include "server/Server.h"
+#include "stores/CertificateAuthority.h"
+#include "stores/TrustedCertificate.h"
+#include "support/Cancellation.h"
+#include "support/Debug.h"
+#include "support/Failure.h"
+#include "support/KeywardenDaemonException.h"
+#include "support/Log.h"
+#include "support/Tools.h"
+
+namespace keywarden {
+
+namespace {
+
+constexpr unsigned kPipesMode = 0770;
+constexpr unsigned kServiceDirectoryMode = 0711;
+
+}  // namespace
+
+Service::Service(const std::string& serviceId) : ServiceConfiguration(serviceId) {
+    try {
+        load();
+    } catch (...) {
+        const Failure failure = Failure::current();
+        removePipes(Stop::ForGood);
+        throw KeywardenDaemonException(
+            failure.message("Std exception during loading service object for service-" + serviceId + ": ",
+                            "Unknown exception during loading service object for service-" + serviceId));
+    }
+}
+
+Service::~Service() {
+    {
+        // Whoever starts a reload holds this mutex: from here on none is started.
+        const std::lock_guard<std::mutex> guard(serviceMutex_);
+        ending_ = true;
+    }
+    endReloadThread();
+    if (loaded_)
+        unloadAtTheEnd();
+    else
+        stopThreads();
+    releaseObjects();
+}
+
+void Service::unloadAtTheEnd() {
+    try {
+        unload();
+    } catch (...) {
+        // The owner's library threw. Its object is still there, and so is the type of what it threw.
+        Log::write(SeverityError, "Exception while stopping the service " + getServiceId() + ": " +
+                                      Failure::current().text());
+        haltTimer();
+        removePipes(Stop::ForGood);
+    }
+}
+
+void Service::stopThreads() {
+    stopTimer();
+    if (readerThread_ != 0)
+        stopHandler();
+    removePipes(Stop::ForGood);
+}
+
+void Service::load() {
+    if (loaded_)
+        return;
+    Log::write(SeverityNotice, "The service " + getServiceId() + " is starting...");
+    loadCallbacks();
+    preparePipesDirectory();
+    checkServiceConfig();
+    checkServiceDirectory();
+    loadStores();
+    callbacks_->started();
+    loaded_ = true;
+    // The word "Reload" stands here at every start.
+    Log::write(SeverityNotice, "Reload: The service " + getServiceId() + " is started.");
+}
+
+void Service::loadCallbacks() {
+    if (!getCallbackScript().empty())
+        callbacks_ = std::make_shared<BinaryServiceCallbacks>(getServiceId(), getCallbackScript());
+    else if (!getCallbackLibrary().empty())
+        callbacks_ = std::make_shared<LibraryWrapperServiceCallbacks>(getServiceId(), getCallbackLibrary());
+    else
+        throw std::runtime_error("No callbacks to load");
+}
+
+void Service::preparePipesDirectory() {
+    Tools::createDirectory(pipesDirectory(), kPipesMode);
+    // A daemon user who is no member may not give the group away; the check that follows says so by name.
+    try {
+        Tools::changeGroup(pipesDirectory(), getManagementGroup());
+    } catch (...) {
+        Log::write(SeverityError, Failure::current().text());
+    }
+}
+
+void Service::checkServiceConfig() const {
+    requireMembership(getManagementGroup(), ".");
+    if (!isServer())
+        return;
+    requireMembership(getKeyGroup(), "");
+    requireReadable(getCnfHookFile());
+    requireReadable(getCnfFile());
+}
+
+void Service::requireMembership(const std::string& group, const std::string& ending) const {
+    const std::string user = DaemonConfiguration::getInstance().getDaemonUser();
+    if (!Tools::isGroupExist(group))
+        throw KeywardenDaemonException("The group '" + group + "' of the service '" + getServiceId() +
+                                       "' doesn't exist");
+    if (!Tools::isUserMemberOfGroup(user, group))
+        throw KeywardenDaemonException("The user '" + user + "' is not member of the group '" + group +
+                                       "' of the service '" + getServiceId() + "'" + ending);
+}
+
+void Service::requireReadable(const std::string& path) const {
+    if (path.empty() || ::access(path.c_str(), R_OK) == 0)
+        return;
+    // Says "hook" for the settings file too.
+    throw KeywardenDaemonException("The cnf hook '" + path + "' of the service '" + getServiceId() +
+                                   "' doesn't have read right for '" +
+                                   DaemonConfiguration::getInstance().getDaemonUser() + "'");
+}
+
+void Service::checkServiceDirectory() const {
+    const std::string directory = DaemonConfiguration::getKeywardDirectory() + "/" + getServiceId();
+    Tools::createDirectory(directory, kServiceDirectoryMode);
+    try {
+        Tools::changeGroup(directory, getManagementGroup());
+    } catch (...) {
+        Log::write(SeverityError,
+                   "Change the group of file: " + directory + " to:" + getManagementGroup() + "' failed.");
+    }
+}
+
+void Service::loadStores() {
+    const std::string& id = getServiceId();
+    if (isServer()) {
+        Log::write(SeverityNotice, "Server for service " + id + " starting...");
+        server_ = std::make_unique<Server>(*this, callbacks_);
+        Log::write(SeverityNotice, "Server for service " + id + " started.");
+    }
+    if (isTrustedClients()) {
+        Log::write(SeverityNotice, "trusted clients for service " + id + " starting...");
+        trustedClients_ = std::make_unique<TrustedCertificate>(*this);
+        Log::write(SeverityNotice, "trusted clients for service " + id + " started.");
+    }
+    if (isCA()) {
+        Log::write(SeverityNotice, "CA for service " + id + " starting...");
+        caStore_ = std::make_unique<CertificateAuthority>(*this);
+        Log::write(SeverityNotice, "CA for service " + id + " started.");
+    }
+}
+
+void Service::unload() {
+    unload(Stop::ForGood);
+}
+
+void Service::unload(Stop stop) {
+    Log::write(SeverityNotice, "The service " + getServiceId() + " is stopping...");
+    stopTimer();
+    stopHandler(stop);
+    {
+        // A network or time notification may still be at work on this service.
+        const std::lock_guard<std::mutex> guard(serviceMutex_);
+        if (callbacks_)
+            callbacks_->stopped();
+        loaded_ = false;
+        // Such a notification may have started the timer again; from here on none does.
+        haltTimer();
+        releaseObjects();
+    }
+    removePipes(stop);
+    Log::write(SeverityNotice, "The service " + getServiceId() + " is stopped.");
+}
+
+void Service::releaseObjects() {
+    caStore_.reset();
+    trustedClients_.reset();
+    server_.reset();
+    callbacks_.reset();
+}
+
+void Service::removePipes(Stop stop) const {
+    const std::string directory = pipesDirectory();
+    if (!Tools::fileExist(directory))
+        return;
+    if (stop == Stop::ForGood) {
+        if (Tools::removeFiles(directory) != 0)
+            Log::write(SeverityNotice,
+                       "Failed to remove file '" + directory + "' for service-" + getServiceId());
+        return;
+    }
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(directory, ignored)) {
+        const std::string path = entry.path().string();
+        if (path != outputPath() && path != lockPath() && Tools::removeFiles(path) != 0)
+            Log::write(SeverityNotice, "Failed to remove file '" + path + "' for service-" + getServiceId());
+    }
+}
+
+void Service::reload() {
+    const std::string& id = getServiceId();
+    Log::write(SeverityNotice, "Reload the service " + id);
+    try {
+        unload(Stop::ForReload);
+        {
+            const std::lock_guard<std::mutex> guard(serviceMutex_);
+            ServiceConfiguration::reload();
+            load();
+        }
+        initTimer();
+        startHandler(Stop::ForReload);
+        Log::write(SeverityNotice, "The service " + id + " is reloaded.");
+    } catch (...) {
+        const Failure failure = Failure::current();
+        loaded_ = false;
+        haltTimer();
+        Log::write(SeverityError,
+                   failure.runtimeMessage("Runtime error caught while reloading service-'" + id + "': ",
+                                          "Std exception caught while reloading service-'" + id + "': ",
+                                          "Unknown exception caught while reloading service-" + id));
+        throw KeywardenDaemonException(failure.code(), failure.text());
+    }
+}
+
+Answer Service::reloadForRequester() {
+    const std::string of = " during reload request for service '" + getServiceId() + "'";
+    std::string text;
+    try {
+        reload();
+        return {AnswerSuccess, "Reload Successful"};
+    } catch (...) {
+        text = Failure::current().message("Daemon exception" + of + ": ", "std exception" + of + ": ",
+                                          "Unknown exception" + of + ".");
+        Log::write(SeverityError, text);
+    }
+    // Without a reader nobody could ask for the status any more.
+    try {
+        if (readerThread_ == 0)
+            startHandler(Stop::ForReload);
+    } catch (...) {
+        Log::write(SeverityError, Failure::current().text());
+    }
+    return {AnswerFailure, text};
+}
+
+void Service::reloadFunc() {
+    if (reloadRuns_ || ending_)
+        return;
+    endReloadThread();
+    reloadRuns_ = true;
+    if (::pthread_create(&reloadThread_, nullptr, threadReloadFunc, this) != 0) {
+        reloadThread_ = 0;
+        reloadRuns_ = false;
+        throw KeywardenDaemonException("Impossible to start the reload request thread for the service " +
+                                       getServiceId());
+    }
+}
+
+// A thread that still runs is cut off only while it waits for its requester, who has given up by then: the
+// next request comes from whoever owns the channel now.
+void Service::endReloadThread() {
+    if (reloadThread_ == 0)
+        return;
+    ::pthread_cancel(reloadThread_);
+    ::pthread_join(reloadThread_, nullptr);
+    reloadThread_ = 0;
+}
+
+void* Service::threadReloadFunc(void* service) {
+    Cancellation::prepareThread();
+    auto* const self = static_cast<Service*>(service);
+    const Answer answer = self->reloadForRequester();
+    // Before the answer: whoever has it may ask again at once.
+    self->reloadRuns_ = false;
+    self->sendResponse(answer.code, answer.text);
+    return nullptr;
+}
+
+void Service::notifyAllServicesStarted() {
+    debugTrace("Calling callback 'allStarted' for service '" + getServiceId() + "'.");
+    std::shared_ptr<ServiceCallbacks> callbacks;
+    {
+        const std::lock_guard<std::mutex> guard(serviceMutex_);
+        callbacks = callbacks_;
+    }
+    // Without the mutex: the script may well ask the service something, now that it listens.
+    if (callbacks)
+        callbacks->allStarted();
+}
+
+std::string Service::pipesDirectory() const {
+    return DaemonConfiguration::getNamePipesDirectory() + "/" + getServiceId();
+}
+
+std::string Service::inputPath() const {
+    return pipesDirectory() + "/" + getServiceId() + ".in";
+}
+
+std::string Service::outputPath() const {
+    return pipesDirectory() + "/" + getServiceId() + ".out";
+}
+
+std::string Service::lockPath() const {
+    return pipesDirectory() + "/" + getServiceId() + ".lock";
+}
+
+}  // namespace keywarden
