@@ -1,0 +1,114 @@
+#include "daemon/Exit.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "daemon/DaemonConfiguration.h"
+#include "daemon/DaemonState.h"
+#include "daemon/NotificationThread.h"
+#include "service/Service.h"
+#include "support/Common.h"
+#include "support/Debug.h"
+#include "support/Failure.h"
+#include "support/Log.h"
+#include "support/StopRequest.h"
+
+namespace keywarden {
+
+namespace {
+
+// A shell command with the process id, as the platform's readiness convention wants it.
+bool runForPid(const char* format) {
+    std::array<char, 32> command{};
+    // The formats are the two literals below; the longest id fits.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    std::snprintf(command.data(), command.size(), format, static_cast<int>(::getpid()));
+#pragma GCC diagnostic pop
+    return std::system(command.data()) != -1;
+}
+
+void removeInstanceFiles() {
+    try {
+        const DaemonConfiguration& configuration = DaemonConfiguration::getInstance();
+        Common::removeFile(configuration.getLockFile());
+        Common::removeFile(configuration.getPidFile());
+    } catch (...) {
+        Log::write(SeverityEmergency,
+                   Failure::current().message(
+                       "Std exception caught while removing the files while exiting the daemon: ",
+                       "Unknown exception caught while removing the files while exiting the daemon"));
+    }
+    ::sync();
+}
+
+void logTakenSignal() {
+    const sigset_t set = StopRequest::signals();
+    timespec atOnce{};
+    const int taken = ::sigtimedwait(&set, nullptr, &atOnce);
+    if (taken > 0)
+        Log::write(SeverityInfo, std::string("Received fatal signal : ") + ::strsignal(taken));
+}
+
+}  // namespace
+
+void ready() {
+    if (!runForPid("touch /var/run/ready/%d"))
+        Log::write(SeverityError,
+                   std::string("ready(): Failed to touch /var/run/ready PID, err: ") + std::strerror(errno));
+}
+
+void unready() {
+    // Says "touch" too.
+    if (!runForPid("rm -f /var/run/ready/%d"))
+        Log::write(SeverityError, std::string("unready(): Failed to touch /var/run/ready PID, err: ") +
+                                      std::strerror(errno));
+}
+
+void exitDaemon(int code, const std::string& reason, bool removeFiles) {
+    static std::atomic_flag leaving = ATOMIC_FLAG_INIT;
+    while (leaving.test_and_set())
+        ::pause();
+    if (removeFiles)
+        removeInstanceFiles();
+    const std::string line = "Stopping with the code " + std::to_string(code) +
+                             (reason.empty() ? std::string("...") : " due to " + reason + "...");
+    debugTrace(line);
+    Log::write(code == ExitOrderlyStop ? SeverityNotice : SeverityEmergency, line);
+    Log::close();
+    unready();
+    std::exit(code);
+}
+
+void shutdown() {
+    StopRequest::raise();
+    for (const auto& service : services()) {
+        try {
+            service->shutdown();
+        } catch (...) {
+            Log::write(SeverityError, "Unknown exception caught while shutdowning the service '" +
+                                          service->getServiceId() + "'.");
+        }
+    }
+    for (auto& service : services())
+        service.reset();
+    Common::removeFile(notificationFifoPath());
+    Common::removeDir(DaemonConfiguration::getNamePipesDirectory());
+    exitDaemon(ExitOrderlyStop, "", true);
+}
+
+void shutdownIfAsked() {
+    if (!StopRequest::isRaised())
+        return;
+    logTakenSignal();
+    shutdown();
+}
+
+}  // namespace keywarden

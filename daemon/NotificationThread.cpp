@@ -1,0 +1,94 @@
+#include "daemon/NotificationThread.h"
+
+#include <array>
+#include <mutex>
+
+#include "daemon/DaemonConfiguration.h"
+#include "daemon/DaemonState.h"
+#include "daemon/Exit.h"
+#include "network/NetworkConfiguration.h"
+#include "support/Cancellation.h"
+#include "support/Common.h"
+#include "support/Debug.h"
+#include "support/Failure.h"
+#include "support/FifoReader.h"
+#include "support/Log.h"
+#include "support/StopRequest.h"
+
+namespace keywarden {
+
+namespace {
+
+constexpr mode_t kFifoMode = 0720;
+
+void reloadNetwork() {
+    Log::write(SeverityNotice, "Notification reload network received");
+    try {
+        NetworkConfiguration::getInstance().reload();
+        const std::lock_guard<std::mutex> guard(lock1);
+        networkNotificationHandler();
+    } catch (...) {
+        Log::write(SeverityError,
+                   Failure::current().message(
+                       "Daemon exception received while handling reload network notification: ",
+                       "Standard exception received while handling reload network notification: ",
+                       "Unknown exception received while handling reload network notification"));
+    }
+    Log::write(SeverityNotice, "Notification reload network completed");
+}
+
+void reloadTime() {
+    Log::write(SeverityNotice, "Time reload notification received");
+    try {
+        const std::lock_guard<std::mutex> guard(lock1);
+        timeNotificationHandler();
+    } catch (...) {
+        Log::write(SeverityError, Failure::current().message(
+                                      "Daemon exception received while handling reload time notification: ",
+                                      "Standard exception received while handling reload time notification: ",
+                                      "Unknown exception received while handling reload time notification."));
+    }
+    Log::write(SeverityNotice, "Time reload notification completed");
+}
+
+void handleNotification(char notification) {
+    debugTrace("Notification received: ");
+    debugTrace("->" + std::to_string(static_cast<int>(notification)));
+    if (Common::isDateOld()) {
+        Log::write(SeverityInfo, "Ignoring the reload notification as the system date is invalid.");
+        return;
+    }
+    if (notification == 'n')
+        reloadNetwork();
+    else if (notification == 't')
+        reloadTime();
+}
+
+}  // namespace
+
+std::string notificationFifoPath() {
+    return DaemonConfiguration::getNamePipesDirectory() + "/notification.signal";
+}
+
+void* notificationHandler(void*) {
+    const bool prepared = Cancellation::prepareThread();
+    const std::string path = notificationFifoPath();
+    Log::open();
+    if (!prepared)
+        Log::write(SeverityError, "notificationHandler thread pthread_setcanceltype failed\n");
+    debugTrace("Start notification handler");
+    FifoReader reader(path, kFifoMode, DaemonConfiguration::getInstance().getNotificationGroup());
+    std::array<char, 256> received;
+    bool usable = reader.open();
+    while (usable) {
+        const ssize_t count = reader.read(received.data(), received.size());
+        usable = count >= 0;
+        for (ssize_t index = 0; index < count && !StopRequest::isRaised(); ++index)
+            handleNotification(received[static_cast<std::size_t>(index)]);
+    }
+    const std::string failure = "Failed to open the fifo file:" + path + " to read the notifications.";
+    Log::write(SeverityError, failure);
+    exitDaemon(ExitFailure, failure, true);
+}
+
+}  // namespace keywarden

@@ -1,0 +1,310 @@
+#include "daemon/StartUp.h"
+
+#include <fcntl.h>
+#include <malloc.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "config/ServiceConfiguration.h"
+#include "daemon/DaemonConfiguration.h"
+#include "daemon/DaemonState.h"
+#include "daemon/Exit.h"
+#include "daemon/MonitorThread.h"
+#include "daemon/NotificationThread.h"
+#include "daemon/SignalThread.h"
+#include "network/NetworkConfiguration.h"
+#include "service/Service.h"
+#include "support/Debug.h"
+#include "support/Failure.h"
+#include "support/FifoReader.h"
+#include "support/KeywardenDaemonException.h"
+#include "support/Log.h"
+#include "support/StopRequest.h"
+#include "support/Tools.h"
+#include "support/UniqueFd.h"
+#include "x509/Inspection.h"
+
+namespace keywarden {
+
+namespace {
+
+constexpr mode_t kLockMode = 0640;
+constexpr mode_t kNotificationFifoMode = 0720;
+constexpr unsigned kTreeMode = 0711;
+
+// The daemon user's name is also the name of the group that its files are given to.
+void giveToDaemonUser(const std::string& path) {
+    const std::string user = DaemonConfiguration::getInstance().getDaemonUser();
+    Tools::changeUser(path, user);
+    Tools::changeGroup(path, user);
+}
+
+[[noreturn]] void failStart(const Failure& failure, const std::string& text) {
+    Log::write(SeverityError, text);
+    exitDaemon(ExitFailure, failure.textOrNothing(), true);
+}
+
+}  // namespace
+
+void openLogAndReadOptions(int argc, char* const argv[]) {
+    try {
+        Log::open();
+        if (argc == 2 && std::strcmp(argv[1], "-d") == 0)
+            gDebug = true;
+        debugTrace("Start the daemon");
+    } catch (...) {
+        const Failure failure = Failure::current();
+        failStart(failure, failure.message("Daemon exception caught while starting daemon:",
+                                           "Std exception caught while starting daemon:",
+                                           "Unknown exception caught while starting daemon."));
+    }
+}
+
+void prepareProcess() {
+    for (int descriptor = ::open("/dev/null", O_RDWR); descriptor >= 0; descriptor = ::dup(descriptor)) {
+        if (descriptor > STDERR_FILENO) {
+            ::close(descriptor);
+            break;
+        }
+    }
+    ::signal(SIGPIPE, SIG_IGN);
+    const sigset_t stops = StopRequest::signals();
+    ::sigprocmask(SIG_BLOCK, &stops, nullptr);
+    // Many threads that mostly sleep: one heap for all of them instead of one each.
+    ::mallopt(M_ARENA_MAX, 1);
+    initialiseCrypto();
+}
+
+void initCheck() {
+    try {
+        DaemonConfiguration::getInstance();
+    } catch (...) {
+        exitDaemon(ExitFailure,
+                   Failure::current().message(
+                       "Std exception caught while loading the daemon configuration file. Error: ",
+                       "Unknown exception caught while loading the daemon configuration file."),
+                   false);
+    }
+    const DaemonConfiguration& configuration = DaemonConfiguration::getInstance();
+    const std::string user = configuration.getDaemonUser();
+    const std::string group = configuration.getNotificationGroup();
+    if (!Tools::isUserExist(user))
+        exitDaemon(ExitFailure, "The user: " + user + " doesn't exist", false);
+    if (!Tools::isGroupExist(group))
+        exitDaemon(ExitFailure, "The group for notifier: " + group + " doesn't exist", false);
+    if (!Tools::isUserMemberOfGroup(user, group))
+        exitDaemon(ExitFailure, "The user: " + user + " is not member of the group " + group, false);
+}
+
+void checkLock() {
+    const std::string path = DaemonConfiguration::getInstance().getLockFile();
+    debugTrace("Get the lock...");
+    // One call decides between two daemons that start at the same moment.
+    const UniqueFd lock(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kLockMode));
+    if (!lock && errno == EEXIST) {
+        debugTrace("Get the lock... Failed. Lock file already present.");
+        exitDaemon(ExitAlreadyRunning, "keywardd already running", false);
+    }
+    if (!lock) {
+        const std::string failure = "Failed to open lock file '" + path + "', err: " + std::strerror(errno);
+        Log::write(SeverityError, failure);
+        exitDaemon(ExitFailure, failure, true);
+    }
+    giveToDaemonUser(path);
+    debugTrace("Get the lock... Done.");
+}
+
+void lockInstance() {
+    try {
+        checkLock();
+    } catch (...) {
+        const Failure failure = Failure::current();
+        failStart(failure, failure.runtimeMessage("Runtime error caught while checking lock:",
+                                                  "Std exception caught while checking lock:",
+                                                  "Unknown exception caught while checking lock."));
+    }
+}
+
+void prepareDirectories() {
+    try {
+        const std::string pipes = DaemonConfiguration::getNamePipesDirectory();
+        const std::string keyward = DaemonConfiguration::getKeywardDirectory();
+        if (Tools::fileExist(pipes))
+            Tools::removeFiles(pipes);
+        Tools::createDirectory(keyward, 0755);
+        giveToDaemonUser(keyward);
+        // Now, still as root: the daemon user may not be allowed to make it.
+        Tools::createDirectory(pipes, kTreeMode);
+        giveToDaemonUser(pipes);
+    } catch (...) {
+        const Failure failure = Failure::current();
+        const std::string text =
+            failure.message("Std exception caught while removing or creating directory:",
+                            "Unknown exception caught while removing or creating directories.");
+        Log::write(SeverityError, text);
+        exitDaemon(ExitFailure, text, true);
+    }
+}
+
+void runGuarded(const std::function<void()>& rest) {
+    try {
+        rest();
+    } catch (...) {
+        const Failure failure = Failure::current();
+        failStart(failure, failure.message("Daemon Exception occured during daemon setup: ",
+                                           "Std exception occured while setup of daemon: ",
+                                           "Unknown exception is occured during daemon setup."));
+    }
+}
+
+void checkNetworkScript() {
+    const DaemonConfiguration& configuration = DaemonConfiguration::getInstance();
+    const std::string script = configuration.getScriptsDirectory() + "/network.sh";
+    if (::access(script.c_str(), X_OK) != 0)
+        exitDaemon(ExitFailure,
+                   "The script " + script + " cannot be run with the daemon user " +
+                       configuration.getDaemonUser() + ". ",
+                   true);
+}
+
+void createFileArchitecture() {
+    Tools::createDirectory(DaemonConfiguration::getNamePipesDirectory(), kTreeMode);
+    debugTrace("Create the file architecture");
+    Tools::createDirectory(DaemonConfiguration::getKeywardDirectory(), kTreeMode);
+}
+
+std::vector<std::string> orderedServiceNames() {
+    // Before any service, since they all ask it.
+    NetworkConfiguration::getInstance();
+    const std::vector<std::string> names = ServiceConfiguration::getServiceList();
+    return pkiFirst(names);
+}
+
+std::vector<std::string> pkiFirst(const std::vector<std::string>& names) {
+    std::vector<std::string> ordered = names;
+    std::stable_partition(ordered.begin(), ordered.end(),
+                          [](const std::string& name) { return name.compare(0, 3, "pki") == 0; });
+    return ordered;
+}
+
+void constructServices(const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+        // Making keys takes long on a small device; a stop does not wait for all of them.
+        shutdownIfAsked();
+        try {
+            services().push_back(std::make_shared<Service>(name));
+        } catch (...) {
+            Log::write(SeverityError,
+                       Failure::current().message("Error during starting " + name + ": ",
+                                                  "Unkown exception occured during starting " + name));
+        }
+    }
+    shutdownIfAsked();
+    if (services().empty())
+        throw KeywardenDaemonException("No service loaded!");
+}
+
+void startServices() {
+    for (const auto& service : services())
+        service->initTimer();
+    for (const auto& service : services())
+        service->startHandler();
+}
+
+void createNotificationFifo() {
+    Tools::createDirectory(DaemonConfiguration::getNamePipesDirectory(), kTreeMode);
+    const std::string path = notificationFifoPath();
+    const std::string group = DaemonConfiguration::getInstance().getNotificationGroup();
+    if (!FifoReader::make(path, kNotificationFifoMode, group)) {
+        const std::string failure = "Error to create Fifo IN: " + path;
+        Log::write(SeverityError, failure);
+        throw KeywardenDaemonException(failure);
+    }
+}
+
+namespace {
+
+void startMonitor() {
+    static thread_arguments arguments;
+    if (!CheckIfThreadConfigParamValid(&arguments))
+        return;
+    pthread_t thread = 0;
+    if (::pthread_create(&thread, nullptr, MonitorTimeNetworkConfig, &arguments) != 0)
+        throw KeywardenDaemonException("Impossible to start the monitor of time and network");
+    threadMonitorTimeNetworkConfig = thread;
+}
+
+}  // namespace
+
+void startThreads() {
+    pthread_t thread = 0;
+    if (::pthread_create(&thread, nullptr, notificationHandler, nullptr) != 0)
+        throw KeywardenDaemonException("Impossible to start the notification handler");
+    threadNotificationHandler = thread;
+    startMonitor();
+    if (::pthread_create(&thread, nullptr, MonitorShutdownSigReceived, nullptr) != 0)
+        throw KeywardenDaemonException("Unable to start the fatal signal handler thread.");
+    threadMonitorShutdownSigReceived = thread;
+}
+
+void announce() {
+    debugTrace(">>>>>>>>>>> Ready for actions! ");
+    Log::write(SeverityNotice, "The daemon is running.");
+    for (const auto& service : services())
+        service->notifyAllServicesStarted();
+    ready();
+    // What the start needed and the long wait does not.
+    ::malloc_trim(0);
+}
+
+namespace {
+
+void logJoinFailure(int error, const std::string& name) {
+    switch (error) {
+        case EDEADLK:
+            Log::write(SeverityError,
+                       "A deadlock was detected (e.g., two threads tried to join with each other); or thread "
+                       "specifies the calling thread.");
+            break;
+        case EINVAL:
+            Log::write(
+                SeverityError,
+                name +
+                    " thread is not a joinable thread or Another thread is already waiting to join with this "
+                    "thread.");
+            break;
+        case ESRCH:
+            Log::write(SeverityError, "No thread with the ID " + name + " could be found. ");
+            break;
+        default:
+            break;
+    }
+}
+
+// A handle of 0 is no thread: joining it would crash, so it is reported as the thread that was not found.
+void joinThread(std::atomic<pthread_t>& thread, const std::string& name) {
+    const pthread_t handle = thread;
+    const int error = handle == 0 ? ESRCH : ::pthread_join(handle, nullptr);
+    if (error != 0)
+        logJoinFailure(error, name);
+    thread = 0;
+}
+
+}  // namespace
+
+void joinThreads() {
+    joinThread(threadNotificationHandler, "threadNotificationHandler");
+    joinThread(threadMonitorTimeNetworkConfig, "threadMonitorTimeNetworkConfig");
+    // The watcher has cancelled both and is done.
+    if (threadMonitorShutdownSigReceived != 0)
+        ::pthread_join(threadMonitorShutdownSigReceived, nullptr);
+    threadMonitorShutdownSigReceived = 0;
+}
+
+}  // namespace keywarden

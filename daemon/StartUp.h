@@ -1,0 +1,64 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace keywarden {
+
+// The steps of the start-up, in the order in which main calls them. Those that never return on failure end
+// the process through exitDaemon; the others throw.
+
+/// Opens the log and honours "-d", when it is the only argument.
+void openLogAndReadOptions(int argc, char* const argv[]);
+
+/// Signals that stop the daemon wait until somebody takes them; broken pipes are errors of a write, not
+/// signals; the three standard descriptors are taken, so that no file of the daemon becomes one of them.
+void prepareProcess();
+
+/// Loads the daemon's configuration and checks its accounts. Never returns on failure.
+void initCheck();
+
+/// Takes the lock file. Never returns on failure.
+void checkLock();
+/// checkLock, with what escapes it logged and the process ended.
+void lockInstance();
+
+/// As root: empties and recreates the named-pipes directory, makes the keyward directory, gives both to the
+/// daemon user. Never returns on failure.
+void prepareDirectories();
+
+/// Runs the rest of the start-up; what escapes it is logged and ends the process with code 12.
+void runGuarded(const std::function<void()>& rest);
+
+/// Writes the pid file and becomes the daemon user. Throws KeywardenDaemonException.
+void initDaemon();
+
+/// The platform script must be executable by now. Never returns on failure.
+void checkNetworkScript();
+
+void createFileArchitecture();
+
+/// The configured services, those whose names begin with "pki" first. Learns the network before.
+std::vector<std::string> orderedServiceNames();
+std::vector<std::string> pkiFirst(const std::vector<std::string>& names);
+
+/// A service that cannot be constructed is logged and left out. Throws when none is left.
+void constructServices(const std::vector<std::string>& names);
+
+/// All timers, then all command handlers.
+void startServices();
+
+void createNotificationFifo();
+
+/// Notification thread, monitor thread (when its two settings are valid) and, last, the signal watcher, so
+/// that it always finds what it has to cancel.
+void startThreads();
+
+/// Says that the daemon runs: to the log, to every service's owner, by the readiness marker.
+void announce();
+
+/// Returns when the notification and monitor threads have ended.
+void joinThreads();
+
+}  // namespace keywarden
