@@ -1,0 +1,12 @@
+#include <stdexcept>
+
+#include "tests/plugins/SilentCallbacks.h"
+
+extern "C" keywarden::ServiceCallbacks* create(const std::string& /*serviceId*/) {
+    static SilentCallbacks callbacks;
+    return &callbacks;
+}
+
+extern "C" void destroy(keywarden::ServiceCallbacks* /*object*/) {
+    throw std::runtime_error("still in use");
+}

@@ -1,0 +1,3 @@
+#include "callbacks/ServiceCallbacks.h"
+
+extern "C" void destroy(keywarden::ServiceCallbacks* /*object*/) {}

@@ -1,0 +1,98 @@
+"""The independent judge of certificates, and an outside PKI: both by another library's hand."""
+
+import base64
+import datetime
+
+from cryptography import x509
+from cryptography.hazmat.primitives import hashes, serialization
+from cryptography.hazmat.primitives.asymmetric import ec
+from cryptography.x509.oid import ExtensionOID, NameOID
+
+
+def utc(seconds):
+    return datetime.datetime.fromtimestamp(seconds, datetime.timezone.utc).replace(tzinfo=None)
+
+
+def seconds(moment):
+    return int(moment.replace(tzinfo=datetime.timezone.utc).timestamp())
+
+
+def load(pem):
+    return x509.load_pem_x509_certificate(pem)
+
+
+def load_request(pem):
+    """The signing request, its signature verified. Its version number follows the settings' and is 2 on the wire,
+    which this library refuses: it reads a copy that says 0, and the signature is checked over the original."""
+    der = base64.b64decode(b"".join(pem.split(b"-----")[2].split()))
+    place = der.index(b"\x02\x01\x02", 0, 16) + 2
+    csr = x509.load_der_x509_csr(der[:place] + b"\0" + der[place + 1:])
+    signed = csr.tbs_certrequest_bytes
+    place = signed.index(b"\x02\x01\0", 0, 12) + 2
+    csr.public_key().verify(csr.signature, signed[:place] + b"\2" + signed[place + 1:],
+                            ec.ECDSA(csr.signature_hash_algorithm))
+    return csr
+
+
+def load_key(pem):
+    return serialization.load_pem_private_key(pem, None)
+
+
+def common_name(certificate):
+    return certificate.subject.get_attributes_for_oid(NameOID.COMMON_NAME)[0].value
+
+
+def alternative_names(certificate):
+    """The extension's entries in their order, as ("DNS", text) and ("IP", text)."""
+    names = certificate.extensions.get_extension_for_oid(ExtensionOID.SUBJECT_ALTERNATIVE_NAME).value
+    return [("DNS", name.value) if isinstance(name, x509.DNSName) else ("IP", str(name.value)) for name in names]
+
+
+def public_bytes(holder):
+    """The public key of a certificate, a request or a private key."""
+    return holder.public_key().public_bytes(serialization.Encoding.DER,
+                                            serialization.PublicFormat.SubjectPublicKeyInfo)
+
+
+def is_signed_by(certificate, issuer):
+    """Raises cryptography.exceptions.InvalidSignature unless the issuer's key made the signature."""
+    key = issuer.public_key()
+    if isinstance(key, ec.EllipticCurvePublicKey):
+        key.verify(certificate.signature, certificate.tbs_certificate_bytes,
+                   ec.ECDSA(certificate.signature_hash_algorithm))
+        return True
+    raise AssertionError("the tests use elliptic curves only")
+
+
+def _name(common):
+    return x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, common)])
+
+
+class Pki:
+    """A certificate authority outside the device."""
+
+    def __init__(self, name="Outside CA"):
+        self.key = ec.generate_private_key(ec.SECP256R1())
+        self.name = _name(name)
+        self.certificate = self._signed(self.name, self.key.public_key(), is_ca=True)
+
+    def pem(self):
+        return self.certificate.public_bytes(serialization.Encoding.PEM)
+
+    def leaf(self, common):
+        key = ec.generate_private_key(ec.SECP256R1())
+        return self._signed(_name(common), key.public_key()).public_bytes(serialization.Encoding.PEM)
+
+    def sign(self, csr_pem, days=90, start=None):
+        """A certificate for a request; `start` in seconds since the epoch."""
+        csr = load_request(csr_pem)
+        return self._signed(csr.subject, csr.public_key(), days=days,
+                            start=start).public_bytes(serialization.Encoding.PEM)
+
+    def _signed(self, subject, public_key, days=90, start=None, is_ca=False):
+        begin = utc(start) if start is not None else datetime.datetime.utcnow() - datetime.timedelta(days=1)
+        builder = (x509.CertificateBuilder().subject_name(subject).issuer_name(self.name).public_key(public_key)
+                   .serial_number(x509.random_serial_number()).not_valid_before(begin)
+                   .not_valid_after(begin + datetime.timedelta(days=days))
+                   .add_extension(x509.BasicConstraints(is_ca, None), critical=True))
+        return builder.sign(self.key, hashes.SHA256())

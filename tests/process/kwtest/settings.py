@@ -1,0 +1,41 @@
+"""What CMake (or somebody at a shell) says about the build under test, through the environment.
+
+KEYWARDD             the daemon's program (required)
+KEYWARDD_TESTCLOCK   the same daemon with a clock that a file sets; needed where libfaketime cannot be preloaded
+KEYWARDD_SANITIZER   what the build is instrumented with, for example "address,undefined"; empty: nothing
+KEYWARDD_CALLBACK_LIBRARY  a callback library that records what it is told
+KWTEST_ISOLATION     "namespace" (the default) or "chroot"
+KWTEST_KEEP          when set, the folders of failed devices stay
+"""
+
+import glob
+import os
+import sys
+
+
+class Settings:
+    def __init__(self, environment):
+        self.binary = environment.get("KEYWARDD", "")
+        self.testclock_binary = environment.get("KEYWARDD_TESTCLOCK", "")
+        self.sanitizer = environment.get("KEYWARDD_SANITIZER", "")
+        self.callback_library = environment.get("KEYWARDD_CALLBACK_LIBRARY", "")
+        self.isolation = environment.get("KWTEST_ISOLATION", "namespace")
+        self.keep = bool(environment.get("KWTEST_KEEP"))
+        # Instrumented code is several times slower; a limit that is about waiting, not about behaviour, grows.
+        self.time_scale = 4.0 if self.sanitizer else 1.0
+        # How long an orderly stop may take.
+        self.stop_limit = 2.0 * (3.0 if self.sanitizer else 1.0)
+
+    def check(self):
+        if not os.path.isfile(self.binary):
+            sys.exit(f"KEYWARDD must name the daemon's program; it is {self.binary!r}")
+        if os.geteuid() != 0:
+            sys.exit("These tests start a daemon that begins as root and drops its rights: run them as root.")
+
+    @property
+    def faketime(self):
+        found = sorted(glob.glob("/usr/lib/*/faketime/libfaketimeMT.so.1"))
+        return found[0] if found and not self.sanitizer else ""
+
+
+SETTINGS = Settings(os.environ)

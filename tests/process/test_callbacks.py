@@ -1,0 +1,149 @@
+"""What a service's owner is told, by script and by library."""
+
+import glob
+import os
+import shutil
+
+from kwtest import SETTINGS, Case, certificates, main
+from kwtest.case import last_line
+from kwtest.device import CALLBACK, WORK
+from kwtest.syslog import EMERG, ERR, NOTICE
+
+LIBRARY = "/opt/hooks/callbacks.so"
+
+
+class Script(Case):
+    def days_left(self, service):
+        """Whole days until the active certificate ends."""
+        end = certificates.seconds(self.certificate(service).not_valid_after)
+        return str(int((end - self.device.now()) / 86400))
+
+    def test_the_arguments_of_a_whole_life(self):
+        self.device.service("web")
+        self.device.start()
+        active, days = self.device.active("web"), self.days_left("web")
+        self.assert_stopped_cleanly(self.device.stop())
+        self.assertEqual(self.device.calls(), [
+            ("web", "server", "new", active),
+            ("web", "server", "expireIn", days),
+            ("web", "start"),
+            ("web", "allStarted"),
+            ("web", "stop"),
+        ])
+
+    def test_the_service_is_named_by_its_file_not_by_its_name_key(self):
+        self.device.service("web", name="Web front end")
+        self.device.start()
+        self.assertEqual({call[0] for call in self.device.calls()}, {"web"})
+
+    def test_a_renewal_is_told_once_its_files_stand(self):
+        self.device.recording_script(CALLBACK, body=(
+            f'[ "$3" = new ] && cp /var/lib/keyward/web/server/"$4" {WORK}/seen.pem\n'
+            f'[ "$3" = new ] && cp /var/lib/keyward/web/server/.cacheddata/active.txt {WORK}/seen.active'))
+        self.device.service("web")
+        self.device.start()
+        self.assertEqual(self.device.channel("web").ask("server", "revoke"), (0, ""))
+        self.assertEqual(certificates.load(self.device.read(f"{WORK}/seen.pem")), self.certificate("web"))
+        self.assertEqual(self.device.read(f"{WORK}/seen.active").decode(), self.device.active("web"))
+
+    def test_external_stores_tell_what_came_and_what_really_went(self):
+        self.device.service("web", ca="yes", trustedClients="yes")
+        self.device.start()
+        channel, pki = self.device.channel("web"), certificates.Pki()
+        self.device.write(f"{WORK}/ca.pem", pki.pem())
+        ids = []
+        for name in ("one", "two"):
+            self.device.write(f"{WORK}/{name}.pem", pki.leaf(name))
+            ids.append(self.added(channel.ask("client", "add", f"{WORK}/{name}.pem")))
+        authority = self.added(channel.ask("ca", "add", f"{WORK}/ca.pem"))
+        before = len(self.device.calls())
+        self.assertEqual(channel.ask("client", "revoke", "00000000.0", *ids), (0, " ".join(sorted(ids))))
+        self.assertEqual(channel.ask("client", "revoke", *ids), (0, ""))
+        self.assertEqual(channel.ask("ca", "revoke", authority), (0, authority))
+        calls = self.device.calls()
+        self.assertEqual(calls[before - 3:before], [("web", "client", "new", ids[0]), ("web", "client", "new", ids[1]),
+                                                    ("web", "ca", "new", authority)])
+        self.assertEqual(calls[before:], [("web", "client", "revoke", *sorted(ids)),
+                                          ("web", "ca", "revoke", authority)])
+
+    def added(self, answer):
+        self.assertEqual(answer[0], 0, answer)
+        self.assertRegex(answer[1], r"\A[0-9a-f]{8}\.\d\Z")
+        return answer[1]
+
+    def test_the_outcome_of_a_script_does_not_matter(self):
+        self.device.recording_script(CALLBACK, body="echo noise; echo more >&2; exit 3")
+        self.device.service("web")
+        self.device.start()
+        self.assert_whole_store("web")
+        self.assertEqual(self.device.stderr(), "")
+        self.assert_stopped_cleanly(self.device.stop())
+
+    def test_what_a_script_prints_is_traced_except_for_all_started(self):
+        self.device.recording_script(CALLBACK, body='echo "out of $2"; echo "err of $2" >&2')
+        self.device.service("web", server=None)
+        self.device.start("-d")
+        self.device.stop()
+        traces = [line for line in self.device.stderr().splitlines() if " of " in line]
+        self.assertEqual(traces, ["out of start", "err of start", "out of stop", "err of stop"])
+
+    def test_a_background_process_of_a_script_holds_nobody_up(self):
+        self.device.recording_script(CALLBACK, body="sleep 600 &")
+        self.device.service("web")
+        self.device.start()
+        self.assertEqual(self.device.channel("web").ask("config", "status"), (0, "running"))
+        self.assertEqual(self.device.stop(), 10)
+
+
+class Choice(Case):
+    def assert_only_service_refused(self, reason):
+        daemon = self.device.start(ready=False)
+        self.assertEqual(daemon.wait_parent(), 0)
+        self.assertEqual(daemon.wait_exit(), 12)
+        self.assert_logged(ERR, "Error during starting web: Std exception during loading service object for "
+                                "service-web: " + reason, count=1)
+        self.assertEqual(self.device.log_lines()[-1], (EMERG, last_line(12, "No service loaded!")))
+
+    def test_the_script_wins_over_the_library(self):
+        self.device.service("web", callbackLibrary="/opt/hooks/missing.so")
+        self.device.start()
+        self.assertIn(("web", "allStarted"), self.device.calls())
+        self.assert_not_logged("missing.so")
+
+    def test_neither_is_refused(self):
+        self.device.service("web", callbackScript=None)
+        self.assert_only_service_refused("No callbacks to load")
+
+    def test_a_missing_script_is_refused(self):
+        self.device.remove(CALLBACK)
+        self.device.service("web")
+        self.assert_only_service_refused(f"The callback {CALLBACK} for the service web doesn't exist")
+
+    def test_a_script_without_execute_right_is_refused(self):
+        os.chmod(self.device.host(CALLBACK), 0o644)
+        self.device.service("web")
+        self.assert_only_service_refused(f"The callback {CALLBACK} for the service web doesn't have executable right.")
+
+    def test_a_script_that_only_root_may_run_is_refused(self):
+        os.chmod(self.device.host(CALLBACK), 0o700)
+        self.device.service("web")
+        self.assert_only_service_refused(f"The callback {CALLBACK} for the service web doesn't have executable right.")
+
+    def test_a_missing_library_is_refused(self):
+        self.device.service("web", callbackScript=None, callbackLibrary=LIBRARY)
+        self.assert_only_service_refused(f"The callback {LIBRARY} for the service web doesn't exist")
+
+    def test_a_library_that_is_none_is_refused(self):
+        self.device.write(LIBRARY, "not a library\n")
+        self.device.service("web", callbackScript=None, callbackLibrary=LIBRARY)
+        self.device.service("other")
+        self.device.start()
+        match = self.assert_logged_like(ERR, r"Error during starting web: Std exception during loading service object "
+                                             r"for service-web: Cannot load the callback library (\S+) for the "
+                                             r"service web: (.+)")
+        self.assertEqual(match[1], LIBRARY)
+        self.assertIn(("other", "allStarted"), self.device.calls())
+
+
+if __name__ == "__main__":
+    main()
