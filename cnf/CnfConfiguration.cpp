@@ -15,7 +15,7 @@ std::string CnfConfiguration::isConfigPresent(const std::map<std::string, std::s
 void CnfConfiguration::loadConfiguration(const std::map<std::string, std::string>& map) {
     debugTrace("Contents of the configuration:");
     for (const auto& [key, value] : map) {
-        debugTrace("\t'" + key + "' : '" + value + "'");
+        debugTrace(std::string("\t'").append(key).append("' : '").append(value).append("'"));
     }
     emailAddress_ = isConfigPresent(map, "emailAddress");
     keyType_ = isConfigPresent(map, "CONFIG_KEY");

@@ -59,7 +59,7 @@ std::string CnfFileConfiguration::getCN() const {
         if (!commonName_.empty()) {
             return commonName_;
         }
-        const std::string printed =
+        std::string printed =
             commonNameScript_.empty() ? std::string() : commonNameFromScript(commonNameScript_);
         if (printed.empty()) {
             throw KeywardenDaemonException(kCommonNameIsEmpty, "Common name is empty!");

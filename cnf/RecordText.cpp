@@ -19,7 +19,7 @@ void appendExtensions(std::string& text, const std::vector<v3Ext>& extensions) {
     for (std::size_t index = 0; index < extensions.size(); ++index) {
         std::string extension;
         extensions[index].to(extension);
-        text += kExtensionKey + std::to_string(index) + " " + extension;
+        text.append(kExtensionKey).append(std::to_string(index)).append(" ").append(extension);
     }
 }
 

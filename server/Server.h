@@ -31,7 +31,8 @@ class Server {
 
     /// Runs the store's start-up: housekeeping, a pending request discarded, a certificate generated where
     /// none is present or the network identity went stale, an expiry check. `configuration` must outlive
-    /// this.
+    /// this; `callbacks` is never null. Throws std::runtime_error when the store's folders cannot be used; a
+    /// certificate that cannot be made is only logged.
     Server(const ServiceConfiguration& configuration, std::shared_ptr<ServiceCallbacks> callbacks);
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;

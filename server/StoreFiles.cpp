@@ -14,7 +14,7 @@ namespace keywarden {
 
 namespace {
 
-constexpr std::size_t kLargestCertificateFile = 1024 * 1024;
+constexpr std::size_t kLargestCertificateFile = 1048576;
 
 }  // namespace
 

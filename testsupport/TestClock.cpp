@@ -9,6 +9,8 @@ namespace {
 
 constexpr std::int64_t kNotSet = INT64_MIN;
 std::atomic<std::int64_t> fixedTime{kNotSet};
+std::atomic<std::int64_t> shiftSeconds{0};
+std::atomic<std::int64_t> monotonicExtra{0};
 
 template <typename ClockType>
 std::int64_t milliseconds() {
@@ -24,11 +26,12 @@ std::int64_t Clock::now() {
 }
 
 std::int64_t Clock::nowMilliseconds() {
-    return fixedTime == kNotSet ? milliseconds<std::chrono::system_clock>() : fixedTime * 1000;
+    return fixedTime == kNotSet ? milliseconds<std::chrono::system_clock>() + shiftSeconds * 1000
+                                : fixedTime * 1000;
 }
 
 std::int64_t Clock::monotonicMilliseconds() {
-    return milliseconds<std::chrono::steady_clock>();
+    return milliseconds<std::chrono::steady_clock>() + monotonicExtra;
 }
 
 }  // namespace keywarden
@@ -39,8 +42,18 @@ void TestClock::set(std::int64_t secondsSinceEpoch) {
     fixedTime = secondsSinceEpoch;
 }
 
+void TestClock::shift(std::int64_t seconds) {
+    fixedTime = kNotSet;
+    shiftSeconds = seconds;
+}
+
 void TestClock::reset() {
     fixedTime = kNotSet;
+    shiftSeconds = 0;
+}
+
+void TestClock::passMonotonic(std::int64_t milliseconds) {
+    monotonicExtra += milliseconds;
 }
 
 }  // namespace testsupport

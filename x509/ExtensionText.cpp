@@ -5,7 +5,7 @@
 #include <openssl/x509v3.h>
 
 #include <array>
-#include <cstdio>
+#include <charconv>
 #include <map>
 #include <optional>
 
@@ -45,7 +45,7 @@ class NameList {
     [[nodiscard]] std::string joined() const {
         std::string text;
         for (const auto& [label, name] : texts_) {
-            text += (text.empty() ? "" : ", ") + label + ":" + name;
+            text.append(text.empty() ? "" : ", ").append(label).append(":").append(name);
         }
         return text;
     }
@@ -84,9 +84,11 @@ class NameList {
     static std::string ipv6(const unsigned char* bytes) {
         std::string text;
         for (int index = 0; index < kIpv6Bytes; index += 2) {
-            std::array<char, 8> group{};
-            std::snprintf(group.data(), group.size(), "%x", (bytes[index] << 8) | bytes[index + 1]);
-            text += (index == 0 ? "" : ":") + std::string(group.data());
+            const unsigned group = (static_cast<unsigned>(bytes[index]) << 8U) | bytes[index + 1];
+            std::array<char, 4> digits{};
+            const std::to_chars_result result = std::to_chars(digits.begin(), digits.end(), group, 16);
+            text += index == 0 ? "" : ":";
+            text.append(digits.begin(), result.ptr);
         }
         return text;
     }
@@ -107,12 +109,13 @@ std::string nameOf(const ASN1_OBJECT* object) {
 }
 
 std::string hexadecimal(const ASN1_OCTET_STRING* bytes) {
+    static const char digits[] = "0123456789ABCDEF";
     const unsigned char* data = ASN1_STRING_get0_data(bytes);
     std::string text;
     for (int index = 0; index < ASN1_STRING_length(bytes); ++index) {
-        std::array<char, 4> digits{};
-        std::snprintf(digits.data(), digits.size(), "%02X", data[index]);
-        text += (index == 0 ? "" : ":") + std::string(digits.data());
+        text += index == 0 ? "" : ":";
+        text += digits[data[index] >> 4U];
+        text += digits[data[index] & 0x0FU];
     }
     return text;
 }

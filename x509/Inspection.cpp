@@ -8,7 +8,7 @@
 #include <openssl/x509v3.h>
 
 #include <array>
-#include <cstdio>
+#include <charconv>
 #include <memory>
 
 #include "x509/CryptoFailure.h"
@@ -65,9 +65,13 @@ void addName(const GENERAL_NAME* name, AlternativeNames& names) {
 }  // namespace
 
 std::string subjectNameHash(const X509_T& certificate) {
-    std::array<char, 24> text{};
-    std::snprintf(text.data(), text.size(), "%08lx", X509_subject_name_hash(certificate.get()));
-    return text.data();
+    constexpr std::size_t digits = 8;
+    std::array<char, digits> text{};
+    // 32 bits of the hash are in use, whatever the size of a long.
+    const auto hash = static_cast<std::uint32_t>(X509_subject_name_hash(certificate.get()));
+    const std::to_chars_result result = std::to_chars(text.begin(), text.end(), hash, 16);
+    const auto length = static_cast<std::size_t>(result.ptr - text.begin());
+    return std::string(digits - length, '0').append(text.data(), length);
 }
 
 std::string x509GetData(const X509_NAME* name, int nid) {

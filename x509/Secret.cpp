@@ -26,8 +26,8 @@ void Secret::append(const std::string& more) {
     std::string grown;
     grown.reserve(text_.size() + more.size());
     grown.append(text_).append(more);
-    text_.swap(grown);
-    cleanse(grown);
+    cleanse(text_);
+    text_ = std::move(grown);
 }
 
 }  // namespace keywarden

@@ -69,7 +69,7 @@ bool isCertificateValid(const std::string& path) {
     return false;
 }
 
-std::string correctIPv6Address(std::string address) {
+std::string correctIPv6Address(const std::string& address) {
     in6_addr binary = {};
     const int parsed = inet_pton(AF_INET6, address.c_str(), &binary);
     if (parsed == 0) {

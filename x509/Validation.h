@@ -18,7 +18,7 @@ bool isCertificateValid(const std::string& path);
 
 /// The canonical (compressed, lower-case) text of an IPv6 address; "::", after an ERR line, for anything
 /// else.
-std::string correctIPv6Address(std::string address);
+std::string correctIPv6Address(const std::string& address);
 
 /// The names as X509_NAME_print writes them; empty, after an ERR line, for none.
 std::string _subject_as_line(const X509_NAME* name);

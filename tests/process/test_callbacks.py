@@ -1,13 +1,12 @@
 """What a service's owner is told, by script and by library."""
 
-import glob
 import os
 import shutil
 
 from kwtest import SETTINGS, Case, certificates, main
 from kwtest.case import last_line
 from kwtest.device import CALLBACK, WORK
-from kwtest.syslog import EMERG, ERR, NOTICE
+from kwtest.syslog import EMERG, ERR
 
 LIBRARY = "/opt/hooks/callbacks.so"
 
@@ -143,6 +142,55 @@ class Choice(Case):
                                              r"service web: (.+)")
         self.assertEqual(match[1], LIBRARY)
         self.assertIn(("other", "allStarted"), self.device.calls())
+
+
+class Library(Case):
+    """A callback library, from the environment told where to write down what it hears."""
+
+    RECORD = f"{WORK}/library"
+
+    def setUp(self):
+        super().setUp()
+        os.makedirs(os.path.dirname(self.device.host(LIBRARY)), exist_ok=True)
+        shutil.copy(SETTINGS.callback_library, self.device.host(LIBRARY))
+        self.device.extra_environment["CALLBACK_RECORD"] = self.RECORD
+
+    def record(self):
+        return self.device.read(self.RECORD).decode().splitlines()
+
+    def test_it_hears_of_a_whole_life(self):
+        self.device.service("web", callbackScript=None, callbackLibrary=LIBRARY, trustedClients="yes")
+        self.device.start()
+        active, channel = self.device.active("web"), self.device.channel("web")
+        self.device.write(f"{WORK}/client.pem", certificates.Pki().leaf("client"))
+        code, identifier = channel.ask("client", "add", f"{WORK}/client.pem")
+        self.assertEqual(code, 0)
+        self.assertEqual(channel.ask("client", "revoke", identifier), (0, identifier))
+        self.assertEqual(channel.ask("server", "revoke"), (0, ""))
+        self.assert_stopped_cleanly(self.device.stop())
+        lines = [line for line in self.record() if "updateValidity" not in line]
+        self.assertEqual(lines, [
+            "web: create", f"web: newGenerated {active}", "web: started", "web: allStarted",
+            f"web: newExternal client {identifier}", f"web: revokedSeveral client {identifier}",
+            f"web: newGenerated {active}", "web: stopped", "web: destroy"])
+        self.assertEqual(self.device.calls(), [])
+
+    def test_a_reload_makes_a_new_object_of_it(self):
+        self.device.service("web", callbackScript=None, callbackLibrary=LIBRARY, server=None)
+        self.device.start()
+        self.assertEqual(self.device.channel("web").ask("config", "reload"), (0, "Reload Successful"))
+        self.assert_stopped_cleanly(self.device.stop())
+        self.assertEqual(self.record(), [f"web: {event}" for event in (
+            "create", "started", "allStarted", "stopped", "destroy", "create", "started", "stopped", "destroy")])
+
+    def test_one_that_throws_costs_its_own_service_only(self):
+        self.device.service("throwing", callbackScript=None, callbackLibrary=LIBRARY)
+        self.device.service("web")
+        self.device.start()
+        self.assert_logged(ERR, "Error during starting throwing: Std exception during loading service object for "
+                                "service-throwing: the owner is asleep", count=1)
+        self.assertEqual(self.device.channel("web").ask("config", "status"), (0, "running"))
+        self.assert_stopped_cleanly(self.device.stop())
 
 
 if __name__ == "__main__":

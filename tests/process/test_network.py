@@ -1,10 +1,14 @@
 """Notifications of network changes: what each does, in which order, and what comes through the fifo unharmed."""
 
+import os
 import threading
 
 from kwtest import Case, certificates, main
-from kwtest.device import KEYWARD, SCRIPTS
-from kwtest.syslog import INFO, NOTICE
+from kwtest.case import last_line
+from kwtest.channel import write_fifo
+from kwtest.device import KEYWARD, LOCK, PID, PIPES, SCRIPTS
+from kwtest.process import wait_until
+from kwtest.syslog import EMERG, INFO, NOTICE
 
 RECEIVED, COMPLETED = (NOTICE, "Notification reload network received"), (NOTICE, "Notification reload network completed")
 ETH0 = {"networkInterface.0": "eth0", "includeIPv4.0": "yes"}
@@ -189,6 +193,59 @@ class Kinds(Case):
         self.device.notify("nt")
         self.device.wait_log(NOTICE, "Time reload notification completed")
         self.assert_not_logged("is checking server certificate")
+
+
+class Fatal(Case):
+    """A certificate that cannot be renewed for a new network ends the daemon: a supervisor starts it afresh."""
+
+    def assert_ends(self, reason):
+        device = self.device
+        device.network({"fqdn.0": "renamed.test"})
+        device.notify("n")
+        self.assertEqual(device.daemon.wait_exit(), 12)
+        self.assertEqual(device.log_lines()[-1], (EMERG, last_line(12, reason)))
+        for path in (LOCK, PID):
+            self.assertFalse(device.exists(path))
+        self.assertEqual(device.listing("/run/ready"), [])
+
+    def setUp(self):
+        super().setUp()
+        self.device.service("web", includeFQDN="yes")
+        self.device.start()
+
+    def test_request_settings_that_are_gone(self):
+        self.device.remove("/etc/keywarden/service.cnf")
+        self.assert_ends("Runtime error caught while network reload: Failed to read configuration "
+                         "file-/etc/keywarden/service.cnf")
+
+    def test_a_key_that_cannot_be_made(self):
+        first = self.assert_whole_store("web")
+        self.device.request_settings("/etc/keywarden/service.cnf", CONFIG_KEY="RSA2048", default_bits="many")
+        self.assert_ends("Daemon exception caught while network reload: Failed creating X509 Certificate for service "
+                         "'web' Failed to generate RSA key pair.")
+        self.assertEqual(self.certificate("web"), first)
+        # With good settings the next start goes on where this one ended.
+        self.device.request_settings("/etc/keywarden/service.cnf")
+        self.device.start()
+        self.assertEqual(certificates.alternative_names(self.assert_whole_store("web")), [("DNS", "renamed.test")])
+
+    def test_a_notification_fifo_that_cannot_be_made_again(self):
+        path = f"{PIPES}/notification.signal"
+        os.rename(self.device.host(PIPES), self.device.host("/run/moved"))
+        write_fifo(self.device.host("/run/moved/notification.signal"), b"x")
+        self.assertEqual(self.device.daemon.wait_exit(), 12)
+        reason = f"Failed to open the fifo file:{path} to read the notifications."
+        self.assertEqual(self.device.log_lines()[-1], (EMERG, last_line(12, reason)))
+
+    def test_a_notification_fifo_that_was_replaced_is_made_again(self):
+        path = f"{PIPES}/notification.signal"
+        os.rename(self.device.host(path), self.device.host("/run/moved"))
+        self.device.write(path, "a file")
+        write_fifo(self.device.host("/run/moved"), b"x")
+        self.assertTrue(wait_until(lambda: self.device.rights(path)[0] == "p"))
+        self.device.notify("n")
+        self.device.wait_log(*COMPLETED)
+        self.assertEqual(self.device.rights(path), ("p", 0o720, "keyuser", "kwnotify"))
 
 
 class Fifo(Case):

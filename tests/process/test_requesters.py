@@ -1,8 +1,12 @@
 """Requesters of every kind: impatient, silent, malicious, many at once."""
 
+import array
 import contextlib
+import fcntl
 import os
+import socket
 import stat
+import termios
 import threading
 import time
 
@@ -15,6 +19,13 @@ from kwtest.syslog import ERR, NOTICE, WARNING
 OUTPUT = f"{PIPES}/web/web.out"
 GONE = (WARNING, f"'{OUTPUT}' file not found.\nLooks like the requester is no more present to receive the response back!")
 STATUS = "tester\tweb\tconfig\tstatus"
+
+
+def readable_bytes(descriptor):
+    """How much a fifo holds."""
+    count = array.array("i", [0])
+    fcntl.ioctl(descriptor, termios.FIONREAD, count)
+    return count[0]
 
 
 class Requesters(Case):
@@ -72,24 +83,40 @@ class Requesters(Case):
             os.close(reader)
             os.unlink(self.device.host(OUTPUT))
 
-    def test_one_that_is_killed_while_reading_is_survived(self):
-        # More than a pipe holds, so that the daemon is still writing when the reader goes.
-        line = "tester\tweb\tconfig\t" + "x" * 300_000
-        for _ in range(5):
-            with self.channel.listening():
-                self.channel.send(line)
+    def test_one_that_leaves_while_reading_is_an_error_line(self):
+        word = "x" * 60_000
+        answer = "4 Bad format for command. Incorrect arguments received for: " + word
+        with self.channel.listening() as reader:
+            # Too small for the answer: the daemon is still writing when the reader goes.
+            fcntl.fcntl(reader, fcntl.F_SETPIPE_SZ, 4096)
+            self.channel.send("tester\tweb\tconfig\t" + word)
+            self.assertTrue(wait_until(lambda: readable_bytes(reader) >= 4096))
+        self.device.wait_log(ERR, "Error during communication of: " + answer)
         self.assert_alive()
-        self.assertTrue(self.device.daemon.running)
 
-    def test_a_long_answer_arrives_whole(self):
-        word = "y" * 500_000
-        code, text = self.channel.ask("config", word)
-        self.assertEqual(code, 4)
-        self.assertEqual(text, "Bad format for command. Incorrect arguments received for: " + word)
+    def test_a_slow_one_gets_a_long_answer_whole(self):
+        word = "y" * 60_000
+        with self.channel.listening() as reader:
+            fcntl.fcntl(reader, fcntl.F_SETPIPE_SZ, 4096)
+            self.channel.send("tester\tweb\tconfig\t" + word)
+            time.sleep(0.3)
+            answer = read_answer(reader)
+        self.assertEqual(answer.decode(), "4 Bad format for command. Incorrect arguments received for: " + word)
 
     def test_a_huge_request_is_refused_and_forgotten(self):
-        self.assertEqual(self.channel.request(b"z" * (8 << 20), timeout=60), (4, "Bad format for command."))
+        text = "Bad format for command. The request is longer than 65536 bytes."
+        self.assertEqual(self.channel.request(b"z" * (8 << 20), timeout=60), (4, text))
         self.assert_alive()
+
+    def test_one_whose_predecessor_died_gets_its_own_answer(self):
+        os.mkfifo(self.device.host(OUTPUT))
+        os.chmod(self.device.host(OUTPUT), 0o666)
+        self.channel.send("tester\tweb\tconfig\tpredecessor")
+        self.device.wait_log(ERR, "std::exception caught while creating command structure for service 'web' Bad format "
+                                  "for command. Incorrect arguments received for: predecessor")
+        # Its fifo is there and nobody reads it: the daemon is trying. The successor makes one of its own.
+        time.sleep(0.1)
+        self.assertEqual(self.channel.ask_locked("config", "status"), (0, "running"))
 
     def test_a_request_in_pieces_is_one_request(self):
         with self.channel.listening() as reader:
@@ -144,6 +171,11 @@ class Traps(Case):
         self.assert_refused(lambda: os.unlink(self.device.host(OUTPUT)))
         self.assertEqual(os.read(reader, 100), b"")
         os.close(reader)
+
+    def test_a_socket_is_left_alone(self):
+        with socket.socket(socket.AF_UNIX) as listener:
+            listener.bind(self.device.host(OUTPUT))
+            self.assert_refused(lambda: os.unlink(self.device.host(OUTPUT)))
 
     def test_a_folder_is_left_alone(self):
         os.mkdir(self.device.host(OUTPUT))

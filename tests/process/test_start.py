@@ -2,11 +2,12 @@
 
 import os
 import re
+import signal
 import subprocess
 
 from kwtest import Case, main
 from kwtest.device import KEYWARD, LOCK, PID, PIPES, PROGRAM, SERVICES, WORK
-from kwtest.process import children_of, name_of, wait_until
+from kwtest.process import children_of, name_of, status_of, wait_until
 from kwtest.syslog import EMERG, ERR, INFO, NOTICE
 
 PARENT_LINE = (INFO, "Parent process terminating after successfull fork.")
@@ -197,6 +198,17 @@ class SecondInstance(Case):
         self.device.daemon = first
         self.assert_stopped_cleanly(self.device.stop())
 
+    def test_of_two_that_start_at_the_same_moment_one_runs(self):
+        self.device.service("web")
+        for _ in range(10):
+            daemons = [self.device.start(ready=False) for _ in range(2)]
+            statuses = [daemon.wait_parent() for daemon in daemons]
+            self.assertEqual(sorted(statuses), [0, 13], self.device.log_text())
+            self.device.daemon = daemons[statuses.index(0)]
+            self.device.wait_ready()
+            self.assertEqual(self.device.read(PID), str(self.device.daemon.pid).encode())
+            self.assert_stopped_cleanly(self.device.stop())
+
     def test_debug_says_that_the_lock_is_there(self):
         self.device.service("web")
         self.device.write(LOCK, "")
@@ -235,6 +247,39 @@ class Surroundings(Case):
         self.assertEqual(self.assert_whole_store("web").serial_number, first)
         self.assert_logged(INFO, "Server certificate found for service: web", count=1)
         self.assertTrue(self.device.exists(f"{KEYWARD}/web/server/.cacheddata/{self.device.active('web')}.overwrite"))
+
+    def test_a_pid_file_in_a_folder_that_only_root_may_write_is_still_the_daemons(self):
+        self.device.configure(pidFile="/run/keywardd.pid")
+        self.device.service("web")
+        daemon = self.device.start()
+        self.assertEqual(self.device.read("/run/keywardd.pid"), str(daemon.pid).encode())
+        self.assertEqual(self.device.rights("/run/keywardd.pid"), ("-", 0o664, "keyuser", "keyuser"))
+        self.assertEqual(self.device.stop(), 10)
+        self.assert_logged(ERR, "Failed to remove file '/run/keywardd.pid' : Permission denied", count=1)
+
+    def test_without_the_folder_for_readiness_it_runs_all_the_same(self):
+        os.rmdir(self.device.host("/run/ready"))
+        self.device.service("web")
+        daemon = self.device.start(ready=False)
+        self.assertEqual(daemon.wait_parent(), 0)
+        self.device.wait_log(NOTICE, "The daemon is running.")
+        self.assertEqual(self.device.channel("web").ask("config", "status"), (0, "running"))
+        self.assertEqual(self.device.stop(), 10)
+
+    def test_it_stays_in_its_session_and_ignores_what_terminals_send(self):
+        self.device.service("web")
+        daemon = self.device.start()
+        self.assertEqual(os.getsid(daemon.pid), os.getsid(0))
+        ignored = int(status_of(daemon.pid)["SigIgn"], 16)
+        for number in (signal.SIGTSTP, signal.SIGTTOU, signal.SIGTTIN, signal.SIGHUP):
+            self.assertTrue(ignored >> (number - 1) & 1, number)
+        self.assertFalse(ignored >> (signal.SIGCHLD - 1) & 1)
+        stops = sum(1 << (number - 1) for number in (signal.SIGINT, signal.SIGTERM, signal.SIGQUIT))
+        open_to = {int(status_of(daemon.pid, task)["SigBlk"], 16) & stops
+                   for task in os.listdir(f"/proc/{daemon.pid}/task")}
+        # The kernel shows the thread that waits for them as open to them; every other one blocks them all.
+        self.assertEqual(open_to, {0, stops})
+        self.assertEqual(int(status_of(daemon.pid)["SigBlk"], 16) & stops, stops)
 
     def test_a_daemon_that_starts_without_root_changes_no_identity(self):
         self.device.service("web")

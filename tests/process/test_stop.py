@@ -7,8 +7,8 @@ import time
 
 from kwtest import SETTINGS, Case, main
 from kwtest.channel import read_answer
-from kwtest.device import CALLBACK, LOCK, PIPES, SCRIPTS, WORK
-from kwtest.process import limit, wait_until
+from kwtest.device import CALLBACK, LOCK, PID, PIPES, SCRIPTS, WORK
+from kwtest.process import wait_until
 from kwtest.syslog import INFO, NOTICE
 
 NAMES = {signal.SIGTERM: "Terminated", signal.SIGINT: "Interrupt", signal.SIGQUIT: "Quit"}
@@ -153,6 +153,17 @@ class Busy(Stop):
         self.assertTrue(wait_until(lambda: self.device.exists(f"{WORK}/hanging")))
         self.stop_in_time()
 
+    def test_during_a_network_script_that_hangs_before_the_fork(self):
+        self.device.script(f"{SCRIPTS}/network.sh", f"touch {WORK}/hanging; {HANG}")
+        self.device.service("web")
+        daemon = self.device.start(ready=False)
+        self.assertTrue(wait_until(lambda: self.device.exists(f"{WORK}/hanging")))
+        begin = time.monotonic()
+        os.kill(daemon.parent_pid, signal.SIGTERM)
+        status = daemon.wait_parent()
+        self.assertLess(time.monotonic() - begin, SETTINGS.stop_limit)
+        self.assert_stopped_cleanly(status)
+
     def test_during_a_settings_hook_that_hangs(self):
         self.device.script("/opt/hooks/settings", f"touch {WORK}/hanging; {HANG}")
         self.device.service("web", cnfFile=None, cnfHookFile="/opt/hooks/settings")
@@ -196,14 +207,14 @@ class AnyMoment(Stop):
 
     def stop_at(self, moment, number):
         """A start that is stopped a moment after the fork."""
-        self.device.start(ready=False).wait_forked()
-        # Until then the parent may still write its last words.
+        daemon = self.device.start(ready=False)
+        daemon.wait_forked(self.device.host(PID))
         time.sleep(moment)
         begin = time.monotonic()
-        self.device.daemon.signal(number)
-        status = self.device.daemon.wait_exit()
+        daemon.signal(number)
+        self.assertEqual(daemon.wait_parent(), 0)
+        status = daemon.wait_exit()
         duration = time.monotonic() - begin
-        self.assertEqual(self.device.daemon.wait_parent(), 0)
         self.assertEqual(status, 10, f"{number!r} after {moment:.4f} s\n{self.device.log_text()}")
         self.assertLess(duration, SETTINGS.stop_limit, f"{number!r} after {moment:.4f} s\n{self.device.log_text()}")
         self.assert_nothing_left()
@@ -225,6 +236,27 @@ class AnyMoment(Stop):
         self.device.start()
         for name in ("web", "pkica", "mqtt"):
             self.assert_whole_store(name)
+
+    def test_before_the_fork_as_well(self):
+        begin = time.monotonic()
+        self.device.start(ready=False).wait_forked(self.device.host(PID))
+        duration = time.monotonic() - begin
+        self.device.daemon.wait_parent()
+        self.device.stop()
+        generator = random.Random()
+        for _ in range(30):
+            daemon = self.device.start(ready=False)
+            moment = generator.uniform(0, duration * 1.1)
+            time.sleep(moment)
+            os.kill(daemon.parent_pid, signal.SIGTERM)
+            status = daemon.wait_parent()
+            if status == 0:
+                # Too late for the parent, so it was meant for the daemon; or the parent was gone already.
+                daemon.signal(signal.SIGTERM)
+                status = daemon.wait_exit()
+            # A signal that comes before main() finds a process that has made nothing yet.
+            self.assertIn(status, (10, -signal.SIGTERM), f"after {moment:.4f} s\n{self.device.log_text()}")
+            self.assert_nothing_left()
 
 
 if __name__ == "__main__":

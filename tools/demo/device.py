@@ -21,12 +21,18 @@ SEVERITIES = ("EMERG", "ALERT", "CRIT", "ERR", "WARNING", "NOTICE", "INFO", "DEB
 # "<29>Nov 20 22:19:03 key-warden[123]: text"
 LINE = re.compile(rb"<(\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d (?:[^:]+): (.*)", re.DOTALL)
 
+libc = ctypes.CDLL(None)
 PR_SET_PDEATHSIG = 1
 PR_SET_CHILD_SUBREAPER = 36
 
 
+def end_with_parent():
+    libc.prctl(PR_SET_PDEATHSIG, signal.SIGTERM, 0, 0, 0)
+
+
 def log(path, file):
     """Writes "<severity> <text>", one line each."""
+    end_with_parent()
     receiver = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
     receiver.bind(path)
     os.chmod(path, 0o666)
@@ -72,11 +78,13 @@ def run(file, *program):
     A daemon detaches from its parent, and nobody would learn how it ended. Being a "child subreaper", this process
     becomes its parent.
     """
-    libc = ctypes.CDLL(None)
     libc.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
-    libc.prctl(PR_SET_PDEATHSIG, signal.SIGTERM, 0, 0, 0)
+    end_with_parent()
 
     def stop(*_):
+        # Once: a second signal must not keep the children from being ended.
+        for number in (signal.SIGTERM, signal.SIGINT):
+            signal.signal(number, signal.SIG_IGN)
         raise SystemExit(1)
 
     signal.signal(signal.SIGTERM, stop)
@@ -121,4 +129,5 @@ def port():
 
 
 if __name__ == "__main__":
+    signal.signal(signal.SIGINT, signal.SIG_DFL)
     {"log": log, "run": run, "list": listing, "port": port}[sys.argv[1]](*sys.argv[2:])

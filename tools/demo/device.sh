@@ -64,13 +64,14 @@ wait_until() {
 }
 
 clean_up() {
-    cp "$work/syslog" /old_root/demo-syslog || true; cp $root/var/log/keywarden/owner.log /old_root/demo-owner
+    trap - ERR
+    set +e
     local pid
     for pid in "${started[@]}"; do
-        kill "$pid" 2>/dev/null || true
+        kill "$pid" 2>/dev/null
     done
     for pid in "${started[@]}"; do
-        wait "$pid" 2>/dev/null || true
+        wait "$pid" 2>/dev/null
     done
 }
 

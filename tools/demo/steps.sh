@@ -158,7 +158,7 @@ configure_nginx() {
 
 # What a path unit of a service manager does: the daemon user may not signal another user's server.
 serve_reload_requests() {
-    while sleep 0.1; do
+    while sleep 0.1 && [ -d "/proc/$$" ]; do
         if rm /run/keywarden/current/web.reload 2>/dev/null; then
             kill -HUP "$web_server"
         fi
@@ -168,7 +168,7 @@ serve_reload_requests() {
 start_nginx() {
     configure_nginx
     printf '   $ nginx    (as the user kwweb, with ssl_certificate /run/keywarden/current/web.crt)\n'
-    in_background setpriv --reuid "${user_ids[kwweb]}" --regid "${group_ids[kwweb]}" \
+    in_background setpriv --pdeathsig TERM --reuid "${user_ids[kwweb]}" --regid "${group_ids[kwweb]}" \
         --groups "${group_ids[kwkey]}" -- nginx -e "$work/web/error.log" -p "$work/web" -c "$work/nginx.conf"
     web_server=${started[-1]}
     in_background serve_reload_requests
@@ -181,7 +181,7 @@ start_s_server() {
     printf '   $ openssl s_server -cert %s ...    (as the user kwweb)\n' "${certificate#"$root"}"
     web_servers=()
     for address in "${listening[@]}"; do
-        in_background setpriv --reuid "${user_ids[kwweb]}" --regid "${group_ids[kwweb]}" \
+        in_background setpriv --pdeathsig TERM --reuid "${user_ids[kwweb]}" --regid "${group_ids[kwweb]}" \
             --groups "${group_ids[kwkey]}" -- openssl s_server -quiet -www -accept "$address" \
             -cert "$certificate" -key "$certificate.key" >"$work/s_server" 2>&1
         web_servers+=("${started[-1]}")

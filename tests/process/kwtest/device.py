@@ -64,6 +64,7 @@ def settings_text(settings):
 class Device:
     def __init__(self, isolation):
         self.clock_offset = None
+        self.extra_environment = {}
         self.daemon = None
         self._daemons = []
         programs = {PROGRAM: SETTINGS.binary}
@@ -200,7 +201,8 @@ class Device:
         environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LANG": "C",
                        "ASAN_OPTIONS": f"log_path={REPORTS}/asan:exitcode=66:detect_leaks=1",
                        "UBSAN_OPTIONS": f"log_path={REPORTS}/ubsan:print_stacktrace=1:exitcode=66",
-                       "TSAN_OPTIONS": f"log_path={REPORTS}/tsan:exitcode=66:die_after_fork=0"}
+                       "TSAN_OPTIONS": f"log_path={REPORTS}/tsan:exitcode=66:die_after_fork=0",
+                       **self.extra_environment}
         if self.clock_offset is not None and SETTINGS.faketime:
             environment.update(LD_PRELOAD=SETTINGS.faketime, FAKETIME_TIMESTAMP_FILE=CLOCK, FAKETIME_NO_CACHE="1",
                                FAKETIME_DONT_FAKE_MONOTONIC="1", NO_FAKE_STAT="1", FAKETIME_DISABLE_SHM="1")

@@ -76,12 +76,15 @@ def wait_exit(pid, timeout):
 class DaemonProcess:
     """One start: the parent that forks and, when there is one, the daemon that it leaves behind."""
 
+    _parents = set()
+
     def __init__(self, command, environment, error_file, cwd="/"):
         self._earlier = set(children_of(os.getpid()))
         with open(error_file, "ab") as errors:
             self._parent = subprocess.Popen(command, env=environment, stdin=subprocess.DEVNULL, stdout=errors,
                                             stderr=errors, cwd=cwd)
         self.parent_pid = self._parent.pid
+        self._parents.add(self.parent_pid)
         self.parent_status = None
         self.pid = None
         self.exit_status = None
@@ -96,13 +99,16 @@ class DaemonProcess:
             self.pid = self._find_daemon()
         return self.parent_status
 
-    def wait_forked(self, timeout=20.0):
-        """The daemon's pid, as soon as there is one; the parent may still be busy."""
-        def forked():
-            found = children_of(self.parent_pid) + [pid for pid in self._new_children() if pid != self.parent_pid]
-            found = [pid for pid in found if name_of(pid).startswith("keywardd")]
-            return found[0] if found else None
-        self.pid = wait_until(forked, timeout, interval=0)
+    def wait_forked(self, pid_file, timeout=20.0):
+        """The daemon's pid, as soon as the parent has written it down; the parent may still be busy."""
+        def written():
+            try:
+                with open(pid_file, encoding="ascii") as file:
+                    text = file.read()
+            except FileNotFoundError:
+                return None
+            return int(text) if text and int(text) != self.parent_pid else None
+        self.pid = wait_until(written, timeout, interval=0)
         if self.pid is None:
             raise AssertionError("the daemon did not fork")
         return self.pid
@@ -141,7 +147,7 @@ class DaemonProcess:
         """What the daemon left to the system: names of running processes that were its own."""
         names = []
         for pid in self._new_children():
-            if pid not in (self.pid, self.parent_pid) and wait_exit(pid, 0) is None:
+            if pid != self.pid and pid not in self._parents and wait_exit(pid, 0) is None:
                 names.append(name_of(pid))
         return names
 
@@ -149,7 +155,8 @@ class DaemonProcess:
         return [pid for pid in children_of(os.getpid()) if pid not in self._earlier]
 
     def _find_daemon(self):
-        found = [pid for pid in self._new_children() if name_of(pid).startswith("keywardd")]
+        found = [pid for pid in self._new_children()
+                 if pid not in self._parents and name_of(pid).startswith("keywardd")]
         if len(found) != 1:
             raise AssertionError(f"the parent left {len(found)} daemons behind")
         return found[0]

@@ -123,6 +123,7 @@ ipv6.1.0 fd01::5
             link eth1 02:00:00:00:00:02
             $IP addr add fe80::6/64 dev eth1
         """,
+        settings="linkLocal\nlinkLocal no\nlinkLocal yes\nloopback Yes\n",
         expected="""\
 interface.0 eth0
 mac.0 02:00:00:00:00:01
@@ -322,6 +323,7 @@ CASES.update(
             ["unit42.example.com", "unit42"], "10.0.0.5 unit42 www.example.com unit42.example.com."
         ),
         "fqdn_of_another_name": name_case(["gate.example.com", "unit42"], "10.0.0.5 gate.example.com unit42\n"),
+        "other_name_without_a_point": name_case(["unit42"], "10.0.0.5 gate unit42\n"),
         "fqdn_beside_localhost": name_case(
             ["unit42.example.com", "unit42"],
             "127.0.0.1 localhost.localdomain localhost unit42\n::1 localhost6.localdomain6 unit42\n"
@@ -338,6 +340,9 @@ CASES.update(
             "10.0.0.5 other.example.com unit42.example.com\n",
             host_name="unit42.example.com",
         ),
+        "host_name_with_a_point_at_its_end": name_case(
+            ["unit42.example.com", "unit42"], "10.0.0.5 unit42.example.com unit42\n", host_name="unit42."
+        ),
         "host_name_localhost": name_case([], host_name="localhost"),
         "host_name_localhost_with_a_domain": name_case([], host_name="localhost.localdomain"),
         "host_name_none": name_case([], host_name="(none)"),
@@ -350,7 +355,7 @@ CASES.update(
             ["a.example.com"], host_name="(none)", settings="fqdn a.example.com\n"
         ),
         "other_settings_change_nothing": name_case(
-            ["unit42"], settings="\n#\nlinkLocal\nlinkLocal no\nlinkLocal yes\nloopback Yes\nfoo bar\n"
+            ["unit42"], settings="\n#\n # fqdn a\nfqdn\nlookUpFqdn no\nfoo bar\n"
         ),
     }
 )

@@ -387,10 +387,10 @@ TEST(ServiceConfiguration, ReloadForgetsTheInterfacesOfThePreviousLoad) {
 TEST(ServiceConfiguration, ExcludingAddressesLeavesRegenerateIfOff) {
     std::string lines;
     for (const std::string number : {"0", "1"}) {
-        lines += "networkInterface." + number + " eth" + number + "\n";
+        lines.append("networkInterface.").append(number).append(" eth").append(number).append("\n");
         for (const char* flag :
              {"regenerateIfOff.", "includeIPv4.", "includeIPv4Auto.", "includeIPv6.", "includeIPv6Auto."})
-            lines += flag + number + " yes\n";
+            lines.append(flag).append(number).append(" yes\n");
     }
     ServiceConfiguration web = load(kMinimal + lines);
     web.setExcludeIpForAllNetworkInterfaces();

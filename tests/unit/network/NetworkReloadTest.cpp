@@ -83,7 +83,7 @@ struct WithoutText : std::exception {
 
 }  // namespace
 
-TEST_F(NetworkReload, InstanceIsOneAndRunsTheScriptAtItsFirstUse) {
+TEST_F(NetworkReload, InstanceIsTheSameAtEveryUse) {
     NetworkConfiguration& instance = NetworkConfiguration::getInstance();
     EXPECT_EQ(&instance, &NetworkConfiguration::getInstance());
 }
@@ -244,9 +244,9 @@ TEST_F(NetworkReload, ManyThreadsReadAndReloadTogether) {
     device.setNetwork(
         "interface.0 eth0\nmac.0 02:00:00:00:00:01\nipv4.0.0 10.0.0.5\nipv6.0.0 fd00::5\nfqdn.0 a\n");
     network.reload();
-    std::vector<std::future<bool>> readers;
-    for (int i = 0; i < 4; ++i) {
-        readers.push_back(std::async(std::launch::async, [this] {
+    std::vector<std::future<bool>> readers(4);
+    for (auto& reader : readers) {
+        reader = std::async(std::launch::async, [this] {
             bool right = true;
             for (int round = 0; round < 300; ++round) {
                 right = right && network.isInterfaceExist("eth0") && !network.isInterfaceOff("eth0") &&
@@ -254,7 +254,7 @@ TEST_F(NetworkReload, ManyThreadsReadAndReloadTogether) {
                         network.getDNS().size() == 1;
             }
             return right;
-        }));
+        });
     }
     for (int i = 0; i < 10; ++i)
         EXPECT_EQ(5U, network.reload().size());

@@ -116,7 +116,7 @@ TEST_F(ServerCaSigned, PeriodIsThatOfItsOwnKeysNotOfTheAuthority) {
     configureSigned("selfSignedValidity 300\nCASignedValidity 20\nCASignedValidityOffset 1");
     start();
     EXPECT_EQ(1718323200U, keywarden::notBeforeOf(stored()));
-    EXPECT_EQ(1718323200U + 20U * 86400U, keywarden::notAfterOf(stored()));
+    EXPECT_EQ(1718323200U + 20ULL * 86400U, keywarden::notAfterOf(stored()));
 }
 
 TEST_F(ServerCaSigned, RequestStaysInMemory) {

@@ -5,10 +5,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <csignal>
-#include <cstdio>
 #include <filesystem>
+#include <functional>
+#include <iomanip>
 #include <iostream>
 
 #include "network/NetworkConfiguration.h"
@@ -104,7 +104,7 @@ FileSizeLimit::FileSizeLimit(unsigned size) : earlier_(std::signal(SIGXFSZ, SIG_
 
 FileSizeLimit::~FileSizeLimit() {
     EXPECT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &limits_));
-    std::signal(SIGXFSZ, earlier_);
+    (void)std::signal(SIGXFSZ, earlier_);
 }
 
 ServerTest::ServerTest() {
@@ -219,9 +219,10 @@ std::string rightsOf(const std::string& path) {
     if (::lstat(path.c_str(), &info) != 0)
         return "missing";
     const group* const entry = ::getgrgid(info.st_gid);
-    std::array<char, 8> mode{};
-    std::snprintf(mode.data(), mode.size(), "%04o", info.st_mode & 07777U);
-    return std::string(mode.data()) + " " + (entry != nullptr ? entry->gr_name : "?");
+    std::ostringstream text;
+    text << std::oct << std::setw(4) << std::setfill('0') << (info.st_mode & 07777U) << ' '
+         << (entry != nullptr ? entry->gr_name : "?");
+    return text.str();
 }
 
 std::vector<std::string> namesIn(const std::string& folder) {

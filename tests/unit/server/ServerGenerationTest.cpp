@@ -59,17 +59,17 @@ TEST_F(ServerGeneration, PeriodIsCutToWholeDays) {
 TEST_F(ServerGeneration, PeriodIsThirtyDaysFromTodayByDefault) {
     const Period result = period("");
     EXPECT_EQ(1718409600U, result.from);
-    EXPECT_EQ(1718409600U + 30U * 86400U, result.until);
-    EXPECT_EQ(30U * 86400U, result.seconds);
+    EXPECT_EQ(1718409600U + 30ULL * 86400U, result.until);
+    EXPECT_EQ(30ULL * 86400U, result.seconds);
 }
 
 TEST_F(ServerGeneration, PeriodOfCaSignedUsesItsOwnKeys) {
     const std::string lines =
         "selfSignedValidity 365\nselfSignedValidityOffset 1\nCASignedValidity 10\nCASignedValidityOffset 2";
     const Period result = period(lines, false);
-    EXPECT_EQ(1718409600U - 2U * 86400U, result.from);
-    EXPECT_EQ(1718409600U + 8U * 86400U, result.until);
-    EXPECT_EQ(10U * 86400U, result.seconds);
+    EXPECT_EQ(1718409600U - 2ULL * 86400U, result.from);
+    EXPECT_EQ(1718409600U + 8ULL * 86400U, result.until);
+    EXPECT_EQ(10ULL * 86400U, result.seconds);
 }
 
 TEST_F(ServerGeneration, PeriodOfManyDaysDoesNotOverflow) {

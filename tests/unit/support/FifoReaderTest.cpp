@@ -153,7 +153,7 @@ TEST_F(FifoReaderTest, WaitsForASlowWriter) {
 
 TEST_F(FifoReaderTest, WriterThatWritesNothingIsAnEmptyText) {
     ASSERT_TRUE(reader.open());
-    writer();
+    { const UniqueFd silent = writer(); }
     EXPECT_EQ(readText(reader), "");
     ASSERT_TRUE(write("next"));
     EXPECT_EQ(readText(reader), "next");

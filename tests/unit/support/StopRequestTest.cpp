@@ -24,9 +24,12 @@ bool isReadable(int descriptor) {
 }
 
 std::string state() {
-    return std::string(StopRequest::isRaised() ? "raised" : "quiet") +
-           (isReadable(StopRequest::raisedDescriptor()) ? " told" : "") +
-           (isReadable(StopRequest::pendingSignalDescriptor()) ? " pending" : "");
+    std::string words = StopRequest::isRaised() ? "raised" : "quiet";
+    if (isReadable(StopRequest::raisedDescriptor()))
+        words += " told";
+    if (isReadable(StopRequest::pendingSignalDescriptor()))
+        words += " pending";
+    return words;
 }
 
 TEST(StopRequest, SignalsAreTheThreeThatEndTheDaemon) {
@@ -63,7 +66,8 @@ TEST(StopRequest, BlockedAndPendingSignalIsAStop) {
                       // As by the thread that takes the signals: the stop stays.
                       int taken = 0;
                       ::sigwait(&set, &taken);
-                      return before + ", " + after + ", " + state();
+                      const std::string afterwards = state();
+                      return before + ", " + after + ", " + afterwards;
                   }),
                   "quiet, raised told pending, raised told")
             << signal;

@@ -64,10 +64,12 @@ TEST(CertificateTime, WhatIsCutOffLeavesItsFieldAtMinusOne) {
 TEST(CertificateTime, JunkIsReadWithoutHarm) {
     for (const std::string& text :
          {std::string(), std::string("Z"), std::string("\xFF\xFE", 2), std::string(3, '\0')}) {
-        // Every field is -1: the second before the minute before the hour before the last day but one of
-        // November of the year -2.
-        EXPECT_EQ(utc(text), generalized(text));
-        EXPECT_EQ(utc(text), secondsOf(V_ASN1_OCTET_STRING, text));
+        // Every field is -1: three times one less than 00:00:00 on the day before the last of November of the
+        // year -2, which is how the month and the day before their first count.
+        const auto expected = static_cast<unsigned long long>(-62201610061LL);
+        EXPECT_EQ(utc(text), expected);
+        EXPECT_EQ(generalized(text), expected);
+        EXPECT_EQ(secondsOf(V_ASN1_OCTET_STRING, text), expected);
     }
 }
 

@@ -14,6 +14,7 @@
 #include <openssl/x509v3.h>
 
 #include <cerrno>
+#include <stdexcept>
 
 // The program's own code, between the two ends that the linker names.
 extern "C" const char __executable_start;
@@ -57,12 +58,22 @@ bool CryptoFault::struck() {
     return armed.struck;
 }
 
-bool CryptoFault::strikes(const char* function, const void* caller) {
+bool CryptoFault::isDue(const char* function, const void* caller) noexcept {
     if (armed.callsLeft == 0 || !isOfThisProgram(caller) || armed.function != function ||
         --armed.callsLeft > 0) {
         return false;
     }
     armed.struck = true;
+    return true;
+}
+
+bool CryptoFault::strikes(const char* function, const void* caller) {
+    if (!isDue(function, caller)) {
+        return false;
+    }
+    if (armed.kind == Kind::EmptyThrow) {
+        throw std::runtime_error("");
+    }
     if (armed.kind == Kind::NoStandardThrow) {
         throw NoStandardException();
     }
@@ -295,7 +306,7 @@ int X509_REQ_get_signature_nid(const X509_REQ* request) {
 }
 
 int inet_pton(int family, const char* text, void* binary) noexcept {
-    if (CryptoFault::strikes("inet_pton", __builtin_return_address(0))) {
+    if (CryptoFault::isDue("inet_pton", __builtin_return_address(0))) {
         errno = EAFNOSUPPORT;
         return -1;
     }
@@ -303,7 +314,7 @@ int inet_pton(int family, const char* text, void* binary) noexcept {
 }
 
 const char* inet_ntop(int family, const void* binary, char* text, socklen_t size) noexcept {
-    if (CryptoFault::strikes("inet_ntop", __builtin_return_address(0))) {
+    if (CryptoFault::isDue("inet_ntop", __builtin_return_address(0))) {
         errno = ENOSPC;
         return nullptr;
     }

@@ -9,6 +9,7 @@ class CryptoFault {
   public:
     enum class Kind {
         Failure,         ///< the function's own way to fail
+        EmptyThrow,      ///< throws a std::runtime_error without text
         NoStandardThrow  ///< throws what is no std::exception
     };
 
@@ -20,7 +21,9 @@ class CryptoFault {
 
     [[nodiscard]] static bool struck();
 
-    /// For the functions in CryptoFault.cpp; `caller` is the address they return to.
+    /// For the functions in CryptoFault.cpp; `caller` is the address they return to. isDue() leaves the
+    /// throwing out, for functions that may not throw.
+    [[nodiscard]] static bool isDue(const char* function, const void* caller) noexcept;
     [[nodiscard]] static bool strikes(const char* function, const void* caller);
 };
 

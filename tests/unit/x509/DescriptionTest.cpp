@@ -257,7 +257,7 @@ TEST_F(ExtensionList, AMissingBufferFails) {
 }
 
 TEST_F(ExtensionList, AnUnknownExtensionWithoutDataFails) {
-    const X509_T certificate = foreign("-subj /CN=a -extensions none -addext 1.2.3.4.5=DER:0403AB00CD");
+    const X509_T certificate = foreign("-subj /CN=a -addext 1.2.3.4.5=DER:0403AB00CD");
     const CryptoFault fault("X509_EXTENSION_get_data");
     std::vector<kwdata::v3Ext> out;
     EXPECT_FALSE(writeV3Extensions(X509_get0_extensions(certificate.get()), out));
@@ -368,12 +368,13 @@ TEST_F(Description, AnEmptyHandleIsNotDescribed) {
 TEST_F(Description, ARequestIsDescribedWhole) {
     kwdata::CCertificateData data = settings();
     data.subject.email_address.clear();
-    EXPECT_EQ(getCsrDataString(X509_REQ_T(data, key())).substr(0, 180),
-              "subject_name C=FR, ST=Isere, L=Ville, O=Firm, Inc., OU=one, OU=two, CN=host.local\n"
-              "public_key_size_bits 256\n"
-              "csr_version 3\n"
-              "public_key_type ecc\n"
-              "signatureAlgorithm_type ecdsa-with-SHA256\n");
+    EXPECT_THAT(getCsrDataString(X509_REQ_T(data, key())),
+                testing::StartsWith(
+                    "subject_name C=FR, ST=Isere, L=Ville, O=Firm, Inc., OU=one, OU=two, CN=host.local\n"
+                    "public_key_size_bits 256\n"
+                    "csr_version 3\n"
+                    "public_key_type ecc\n"
+                    "signatureAlgorithm_type ecdsa-with-SHA256\n"));
     EXPECT_THAT(getCsrDataString(X509_REQ_T(data, key())),
                 HasSubstr("\nv3Extention0 obj_id subjectAltName|short_name DNS.1:host.local, DNS.2:10.0.0.5, "
                           "IP.1:10.0.0.5|"));

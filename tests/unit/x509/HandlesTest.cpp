@@ -117,11 +117,19 @@ TEST_F(Handles, AnythingElseThatIsThrownWhileComparingIsLogged) {
     expectLog({{SeverityError, "Unknown exception caught."}});
 }
 
+TEST_F(Handles, AFailureWithoutTextWhileComparingIsAnUnknownError) {
+    const X509_T certificate(certificatePath_);
+    const CryptoFault fault("PEM_write_bio_X509", 1, CryptoFault::Kind::EmptyThrow);
+    EXPECT_FALSE(certificate == certificate);
+    expectLog({{SeverityError, "std::exception caught: Unknown error"}});
+}
+
 TEST_F(Handles, AMovedHandleIsEmpty) {
     X509_T first(certificatePath_);
     const X509_T second(std::move(first));
     EXPECT_EQ(second.toPem(), fixture_.certificatePem);
-    EXPECT_EQ(first.get(), nullptr);  // NOLINT(bugprone-use-after-move): what is asked for
+    // What is asked for: NOLINTNEXTLINE(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
+    EXPECT_EQ(first.get(), nullptr);
 }
 
 // Keys.

@@ -114,7 +114,8 @@ TEST_F(Inspection, WithoutAlternativeNamesTheListsAreEmpty) {
 
 TEST_F(Inspection, ThePrintedTextIsTheOneOfAnotherProgram) {
     const X509_T certificate = certificateOf({});
-    EXPECT_EQ(printedText(certificate), openssl("x509 -in {} -noout -text", certificate.toPem()));
+    EXPECT_EQ(printedText(certificate),
+              openssl("x509 -in {} -noout -text -nameopt compat", certificate.toPem()));
 }
 
 TEST_F(Inspection, AnEmptyHandleIsNotPrinted) {

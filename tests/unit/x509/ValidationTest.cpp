@@ -31,7 +31,7 @@ class Validation : public X509Fixture {
         return options;
     }
     /// A certificate for the fixture's request, with bytes of its key changed so that it cannot be read.
-    static X509_T withUnreadableKey(std::string pem) {
+    static X509_T withUnreadableKey(const std::string& pem) {
         const X509_T certificate = X509_T::fromPem(pem);
         unsigned char* encoded = nullptr;
         const int size = i2d_X509(certificate.get(), &encoded);
@@ -100,6 +100,13 @@ TEST_F(Validation, AMissingFileIsNotValid) {
     EXPECT_FALSE(isCertificateValid(path));
     expectLog({{SeverityError, "Std exception caught while validating the certificate from path: " + path +
                                    " : Failed to read certificate from file: " + path}});
+}
+
+TEST_F(Validation, AFailureWithoutTextIsLoggedWithThePathOnly) {
+    const std::string path = sandbox_.write("cert.pem", testsupport::makeCertificate({}).certificatePem);
+    const CryptoFault fault("PEM_read_X509", 1, CryptoFault::Kind::EmptyThrow);
+    EXPECT_FALSE(isCertificateValid(path));
+    expectLog({{SeverityError, "Std exception caught while validating the certificate from path: " + path}});
 }
 
 TEST_F(Validation, AnythingElseThatIsThrownIsLogged) {
