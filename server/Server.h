@@ -143,7 +143,6 @@ class Server {
     std::map<std::string, std::string> buildAltName(const ServiceConfiguration& interfaces) const;
     void addAltName(kwdata::CCertificateData& data, const std::map<std::string, std::string>& names) const;
     [[nodiscard]] std::unique_ptr<CnfConfiguration> requestSettings(bool selfSigned) const;
-    void reloadCertificateInfo();
     void createPendingRequest(const std::function<kwdata::CCertificateData(CnfConfiguration&)>& readSettings);
     void savePendingRequest(const EVP_PKEY_T& key, const X509_REQ_T& request,
                             const NetworkInfo& network) const;

@@ -53,31 +53,20 @@ std::uint64_t days(std::int32_t count) {
 
 }  // namespace
 
+// Either kind ends in the installation, which loads the new record.
 void Server::createCertificate() {
     if (isCASignedGeneration()) {
         Log::write(SeverityNotice, "Create and Apply CA-Signed certificate for service '" + name() +
                                        "' as generatin is needed.");
-        orLog(kCASignedFailed, name(), [this] {
-            createAndApplyCASigned();
-            reloadCertificateInfo();
-        });
+        orLog(kCASignedFailed, name(), [this] { createAndApplyCASigned(); });
     } else if (isSelfSignedGeneration()) {
         Log::write(SeverityNotice, "Create and Apply SelfSigned certificate for service '" + name() +
                                        "' as generatin is needed.");
-        orLog(kSelfSignedFailed, name(), [this] {
-            createAndApplySelfSigned();
-            reloadCertificateInfo();
-        });
+        orLog(kSelfSignedFailed, name(), [this] { createAndApplySelfSigned(); });
     } else {
         Log::write(SeverityNotice,
                    "Certificate for service '" + name() + "' can not be created as signed type is disabled.");
     }
-}
-
-void Server::reloadCertificateInfo() {
-    const std::string id = accessor.getActive();
-    if (!id.empty())
-        certificateInfo = std::make_shared<CertificateInfo>(accessor.certInfoPath(id));
 }
 
 void Server::createAndApplySelfSigned() {

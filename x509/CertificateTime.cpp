@@ -66,8 +66,9 @@ int yearOf(int type, Digits& digits) {
 
 // Days and the seconds of the day apart: the count of seconds does not fit a 32-bit device's time_t for long.
 bool setAbsolute(ASN1_TIME* time, std::int64_t seconds) {
-    const std::int64_t rest = ((seconds % kSecondsADay) + kSecondsADay) % kSecondsADay;
-    const std::int64_t day = (seconds - rest) / kSecondsADay;
+    const std::int64_t past = seconds % kSecondsADay;  // negative before the epoch
+    const std::int64_t day = seconds / kSecondsADay - (past < 0 ? 1 : 0);
+    const std::int64_t rest = past < 0 ? past + kSecondsADay : past;
     if (day < kDayOf1900 || day > kDayOf9999 ||
         ASN1_TIME_adj(time, 0, static_cast<int>(day), static_cast<long>(rest)) == nullptr) {
         ERR_clear_error();

@@ -266,7 +266,8 @@ make_device_root() {
 trap clean_up EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM HUP
-trap 'fail "line $LINENO of ${BASH_SOURCE[0]##*/} went wrong: $BASH_COMMAND"' ERR
+# A subshell only ends; the shell that waits for it tells.
+trap '[ "$BASHPID" = $$ ] || exit 1; fail "line $LINENO of ${BASH_SOURCE[0]##*/} went wrong: $BASH_COMMAND"' ERR
 
 umask 022
 gather

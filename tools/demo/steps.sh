@@ -58,6 +58,12 @@ require_names() {
 
 # --- 1 ----------------------------------------------------------------------------------------------------------
 
+require_no_errors() {
+    local errors
+    errors=$(grep -E '^(EMERG|ALERT|CRIT|ERR) ' "$work/syslog") || return 0
+    fail "there are errors in the log: $errors"
+}
+
 is_ready() {
     [ -s "$root$pid_file" ] && daemon_pid=$(cat "$root$pid_file") && [ -e "$root/run/ready/$daemon_pid" ]
 }
@@ -75,15 +81,13 @@ start_daemon() {
     tell '$ keywardd'
     # In the background by itself: "run" is its parent, to learn its exit status.
     on_device_in_background "$program"
-    wait_until 30 is_ready_or_gone || fail "the daemon is not ready after 30 seconds: $(tail -n 3 "$work/syslog")"
+    wait_until 60 is_ready_or_gone || fail "the daemon is not ready after 60 seconds: $(tail -n 3 "$work/syslog")"
     is_ready || fail "the daemon ended: $(tail -n 3 "$work/syslog" "$work/daemon.err")"
     tell "It is ready, with process id $daemon_pid. Of its log:"
     grep -E '^NOTICE (The (service .* is starting|daemon is running)|New certificate|Reload: )' "$work/syslog" |
         cut -c 1-110 | sed 's/^/   /'
     tell "... and $(grep -c '^INFO ' "$work/syslog") lines of severity INFO"
-    if grep -E '^(EMERG|ALERT|CRIT|ERR) ' "$work/syslog" >"$work/errors"; then
-        fail "there are errors in the log: $(head -n 3 "$work/errors")"
-    fi
+    require_no_errors
     grep -q '^NOTICE The daemon is running\.$' "$work/syslog" || fail "the log does not tell that the daemon runs"
 }
 
@@ -106,6 +110,7 @@ show_certificate() {
     local certificate days wanted=("DNS:$name" "IP Address:$ipv4")
     say "2. What came out: a certificate for the device's names and addresses"
     certificate=$(certificate_of web)
+    [ -f "$certificate" ] || fail "the service \"web\" has no certificate: $(grep ' web' "$work/syslog" | tail -n 3)"
     days=$(days_left "$certificate")
     show 2 "openssl x509 -in $store/web/server/$(active_id web) -noout -subject" \
         openssl x509 -in "$certificate" -noout -subject
@@ -113,7 +118,8 @@ show_certificate() {
     [ -z "$ipv6" ] || wanted+=("IP Address:$(address_text "$ipv6")")
     require_names "$certificate" "${wanted[@]}"
     [ "$days" -ge 80 ] && [ "$days" -le 90 ] || fail "$days days left of 90"
-    show 20 "ls -lA $store/web/server (and below)" python3 "$work/device.py" list "$root" "$store/web/server"
+    tell "the store's files:"
+    python3 "$work/device.py" list "$root" "$store/web/server" | sed 's/^/   /'
     check_rights "$certificate"
 }
 
@@ -298,7 +304,7 @@ change_network() {
     told=$(times_told "$event")
     add_address
     notify n
-    wait_until 30 is_told_again "$event" "$told" || fail "the owner was not told \"$event\": $(tail -n 3 "$work/syslog")"
+    wait_until 60 is_told_again "$event" "$told" || fail "the owner was not told \"$event\": $(tail -n 3 "$work/syslog")"
     [ "$(fingerprint_of web)" != "$before" ] || fail "it is still the old certificate"
     tell "names: $(alternative_names "$(certificate_of web)")"
     require_names "$(certificate_of web)" "IP Address:$new_ipv4" "IP Address:$ipv4" "DNS:$name"
@@ -364,6 +370,12 @@ show_local_ca() {
     broker=$(certificate_of broker)
     show 2 "openssl x509 -in $store/broker/server/$(active_id broker) -noout -subject -issuer" \
         openssl x509 -in "$broker" -noout -subject -issuer
+    show 4 "openssl x509 -in $store/pkiroot/server/$(active_id pkiroot) -noout -ext basicConstraints,keyUsage" \
+        openssl x509 -in "$authority" -noout -ext basicConstraints,keyUsage
+    case $(openssl x509 -in "$authority" -noout -ext basicConstraints,keyUsage) in
+        *critical*CA:TRUE*critical*'Certificate Sign, CRL Sign'*) ;;
+        *) fail "these are not the extensions of a CA" ;;
+    esac
     openssl verify -purpose sslserver -verify_hostname "$name" -verify_ip "$ipv4" -CAfile "$authority" "$broker" \
         >"$work/verify" 2>&1 || fail "the CA's certificate is no proof of the broker's: $(cat "$work/verify")"
     tell "verified: \"openssl verify -CAfile <pkiroot's>\" takes the broker's certificate"
@@ -397,11 +409,12 @@ stop_daemon() {
     say "7. Stop the daemon"
     tell "\$ kill -TERM $daemon_pid"
     kill -TERM "$daemon_pid"
-    wait_until 30 is_gone || fail "the daemon does not stop: $(tail -n 3 "$work/syslog")"
+    wait_until 60 is_gone || fail "the daemon does not stop: $(tail -n 3 "$work/syslog")"
     status=$(sed -n "s/^$daemon_pid //p" "$work/statuses")
     tell "exit status: $status" "last line of its log: $(tail -n 1 "$work/syslog")"
     [ "$status" = 10 ] || fail "the exit status of an orderly stop is 10, not $status"
     [ "$(tail -n 1 "$work/syslog")" = 'NOTICE Stopping with the code 10...' ] || fail "the last line is another one"
+    require_no_errors
     grep -q ' web stop$' "$root/var/log/keywarden/owner.log" || fail "the owner was not told of the stop"
     for entry in "$pipes" "$pid_file" /run/keywarden/keywardd.lock "/run/ready/$daemon_pid"; do
         [ ! -e "$root$entry" ] || fail "this is left behind: $entry"

@@ -21,6 +21,10 @@ def load(pem):
     return x509.load_pem_x509_certificate(pem)
 
 
+def load_der(der):
+    return x509.load_der_x509_certificate(der)
+
+
 def load_request(pem):
     """The signing request, its signature verified. Its version number follows the settings' and is 2 on the wire,
     which this library refuses: it reads a copy that says 0, and the signature is checked over the original."""
@@ -96,3 +100,12 @@ class Pki:
                    .not_valid_after(begin + datetime.timedelta(days=days))
                    .add_extension(x509.BasicConstraints(is_ca, None), critical=True))
         return builder.sign(self.key, hashes.SHA256())
+
+
+def issue(pki, common):
+    """A certificate for somebody who has the key: (certificate, key), both in PEM."""
+    key = ec.generate_private_key(ec.SECP256R1())
+    certificate = pki._signed(_name(common), key.public_key())
+    return (certificate.public_bytes(serialization.Encoding.PEM),
+            key.private_bytes(serialization.Encoding.PEM, serialization.PrivateFormat.PKCS8,
+                              serialization.NoEncryption()))

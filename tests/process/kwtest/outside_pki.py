@@ -164,3 +164,8 @@ class Cfssl(ToolPki):
         self.write("request.pem", request)
         return self._bundle("sign", "-ca", "middle.pem", "-ca-key", "middle.key", "-config", "policy.json", "-profile",
                             "device", "request.pem")["cert"].encode()
+
+
+def subject_hash(pem):
+    """The hash that names a certificate in a folder of authorities."""
+    return run("openssl", "x509", "-noout", "-subject_hash", stdin=pem).decode().strip()

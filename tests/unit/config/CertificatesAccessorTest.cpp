@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <iostream>
@@ -19,7 +19,7 @@ using keywarden::InternalCertificatesAccessor;
 using testsupport::Sandbox;
 using testsupport::TestDevice;
 
-/// Written over the device's own file by tests that start in a program of their own.
+/// Written over the device's own file.
 void configure(const std::string& keyward, const std::string& pipes) {
     TestDevice::get().sandbox().write("config.daemon",
                                       "keywardDirectory " + keyward + "\nnamePipesDirectory " + pipes +
@@ -71,10 +71,12 @@ std::string internalPaths(const std::string& keyward, const std::string& pipes) 
            keyward + "/web/server/.cacheddata/A1.overwrite\n";  //
 }
 
-// The folders are read once in a program, so these start in one of their own.
+// The folders are read once in a program. Death tests run before all others, so these fork a program that has
+// read none.
 class AccessorPathsDeathTest : public testing::Test {
   protected:
-    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+    void SetUp() override { GTEST_FLAG_SET(death_test_style, "fast"); }
+    void TearDown() override { TestDevice::get().sandbox().write("config.daemon", original_); }
 
     [[noreturn]] static void comparePaths(const std::string& keyward, const std::string& pipes) {
         configure(keyward, pipes);
@@ -83,8 +85,11 @@ class AccessorPathsDeathTest : public testing::Test {
             paths(InternalCertificatesAccessor("web", "server")) == internalPaths(keyward, pipes);
         std::cerr << paths(ExternalCertificatesAccessor("web", "client"))
                   << paths(InternalCertificatesAccessor("web", "server"));
-        std::exit(same ? 0 : 1);
+        ::_exit(same ? 0 : 1);
     }
+
+  private:
+    const std::string original_ = Sandbox::read(TestDevice::get().sandbox().path("config.daemon"));
 };
 
 TEST_F(AccessorPathsDeathTest, FoldersAreComposedAsTheyStand) {
@@ -105,7 +110,7 @@ TEST_F(AccessorPathsDeathTest, FolderThatIsNotConfiguredFails) {
         } catch (const std::runtime_error& error) {
             std::cerr << error.what();
         }
-        std::exit(0);
+        ::_exit(0);
     };
     EXPECT_EXIT(scenario(), testing::ExitedWithCode(0),
                 "Runtime error caught while getting keywardd directory: Bad daemon configuration file : "

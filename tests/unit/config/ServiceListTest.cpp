@@ -17,11 +17,18 @@ namespace {
 enum class Reading { AsIs, WithoutTypes, Failing };
 Reading reading = Reading::AsIs;
 
+// With 64-bit file offsets the C library's header gives readdir() its other name.
+#if defined(_FILE_OFFSET_BITS) && _FILE_OFFSET_BITS == 64
+constexpr const char* kReaddir = "readdir64";
+#else
+constexpr const char* kReaddir = "readdir";
+#endif
+
 }  // namespace
 
 // In the place of the C library's, to have file systems here that no test machine has.
 extern "C" dirent* readdir(DIR* folder) {
-    static const auto original = reinterpret_cast<dirent* (*)(DIR*)>(::dlsym(RTLD_NEXT, "readdir"));
+    static const auto original = reinterpret_cast<dirent* (*)(DIR*)>(::dlsym(RTLD_NEXT, kReaddir));
     if (reading == Reading::Failing) {
         errno = EIO;
         return nullptr;

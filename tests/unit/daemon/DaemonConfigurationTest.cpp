@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <functional>
@@ -191,10 +192,12 @@ TEST(DaemonConfigurationInstance, FoldersComeAsTheFileGivesThem) {
     EXPECT_EQ(&DaemonConfiguration::getInstance(), &DaemonConfiguration::getInstance());
 }
 
-// The instance is made once in a program, so these start in one of their own.
+// The instance is made once in a program. Death tests run before all others, so these fork a program that has
+// made none.
 class DaemonConfigurationFreshDeathTest : public testing::Test {
   protected:
-    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+    void SetUp() override { GTEST_FLAG_SET(death_test_style, "fast"); }
+    void TearDown() override { configure(original_); }
 
     static void configure(const std::string& content) {
         TestDevice::get().sandbox().write("config.daemon", content);
@@ -213,8 +216,12 @@ class DaemonConfigurationFreshDeathTest : public testing::Test {
         configure(content);
         print(DaemonConfiguration::getKeywardDirectory);
         print(DaemonConfiguration::getNamePipesDirectory);
-        std::exit(0);
+        ::_exit(0);
     }
+
+  private:
+    const std::string original_ =
+        testsupport::Sandbox::read(TestDevice::get().sandbox().path("config.daemon"));
 };
 
 TEST_F(DaemonConfigurationFreshDeathTest, RuntimeErrorIsToldByBothFolders) {
@@ -243,7 +250,7 @@ TEST_F(DaemonConfigurationFreshDeathTest, InstanceIsTriedAgainAfterAFailureAndTh
         print(DaemonConfiguration::getKeywardDirectory);
         configure("");
         print(DaemonConfiguration::getKeywardDirectory);
-        std::exit(0);
+        ::_exit(0);
     };
     EXPECT_EXIT(scenario(), testing::ExitedWithCode(0),
                 testing::HasSubstr("is not defined; } got {/run/p/} got {/data} got {/data} "));
@@ -254,7 +261,12 @@ TEST_F(DaemonConfigurationFreshDeathTest, InstanceCanStillBeAskedWhileTheProgram
     const std::string folder = "/" + std::string(200, 'x');
     const auto scenario = [&folder] {
         configure("keywardDirectory " + folder + "\n" + kRequired);
-        ASSERT_EQ(std::atexit([] { print(DaemonConfiguration::getKeywardDirectory); }), 0);
+        // Runs after what getInstance() registers for the exit, and ends it: the device is the parent's.
+        const auto atExit = [] {
+            print(DaemonConfiguration::getKeywardDirectory);
+            ::_exit(0);
+        };
+        ASSERT_EQ(std::atexit(atExit), 0);
         static_cast<void>(DaemonConfiguration::getInstance());
         std::exit(0);
     };

@@ -96,7 +96,10 @@ TEST_F(ServerInstallation, OwnerIsToldWhenAllFilesStandAndTheEarlierOnesStillDo)
     start();
     const MadePair first = install("one.example");
     server().createCsr();
-    const MadePair second = makePair("two.example");
+    const auto issuer = testsupport::makeCertificate({});
+    testsupport::CertificateOptions options;
+    options.commonName = "two.example";
+    const MadePair second = makePair(options, &issuer);
     std::string during;
     callbacks->onNew = [&](const std::string& told) {
         during = told + " | " + filesOf(store(), second.id) + "| " + filesOf(store(), first.id) + "| " +

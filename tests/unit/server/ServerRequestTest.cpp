@@ -148,6 +148,19 @@ TEST_F(ServerRequest, HookIsAskedWithoutSelfsign) {
     EXPECT_NE(std::string::npos, server().getCsrInfo().find("CN=hook.example"));
 }
 
+TEST_F(ServerRequest, EarlierRequestIsGoneBeforeTheNewOneIsPrepared) {
+    const std::string hook = scratch("hook", "#!/bin/sh\nls '" + store().csrPath() + "' '" +
+                                                 store().csrKeyPath() + "' '" + store().csrNetworkPath() +
+                                                 "' > \"$0.found\" 2> /dev/null\n"
+                                                 "echo 'CONFIG_KEY PRIME256V1'\necho 'CN hook.example'\n");
+    ASSERT_EQ(0, ::chmod(hook.c_str(), 0755));
+    configure("cnfHookFile " + hook);
+    start().createCsr();
+    ASSERT_EQ("csr key network ", pendingFiles());
+    server().createCsr();
+    EXPECT_EQ("", readFile(hook + ".found"));
+}
+
 TEST_F(ServerRequest, FailureLeavesNoRequestAtAll) {
     start().createCsr();
     const std::string bad = scratch("bad.cnf", "CONFIG_KEY SECP384R1\nCN unit.example\n");

@@ -24,7 +24,11 @@ class ServiceEvents : public ServiceTest {
     static void setNetworkOf(const std::string& name) { setNetwork("fqdn.0 " + name + ".example\n"); }
 
     /// The service's own lines, those of its server left out.
-    [[nodiscard]] Lines ownLines() const { return linesStarting({"The service " + id, "Create and Apply"}); }
+    [[nodiscard]] Lines ownLines() const {
+        const std::string subject = "The service " + id + " ";
+        return linesStarting({subject + "is checking", subject + "checked", subject + "is st", subject + "st",
+                              "Create and Apply"});
+    }
     [[nodiscard]] testsupport::LogLine checking(const std::string& what) const {
         // Two dots fewer for the time.
         return {SeverityNotice, "The service " + id + " is checking server certificate because " + what +

@@ -9,8 +9,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <ctime>
 #include <iostream>
-#include <regex>
 #include <set>
 #include <thread>
 #include <vector>
@@ -67,15 +67,17 @@ class SystemLog : public testing::Test {
         return {buffer.data(), static_cast<std::size_t>(size < 0 ? 0 : size)};
     }
 
-    /// The line's bytes with the time taken out; its form is checked.
+    /// The line's bytes with the time ("Nov  2 13:05:59 ") taken out; its form is checked.
     static std::string line() {
+        constexpr std::size_t kTimeLength = 16;
         const std::string bytes = received();
-        static const std::regex kForm(
-            "<([0-9]+)>[A-Z][a-z]{2} [ 0-9][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} ([^]*)");
-        std::smatch parts;
-        if (!std::regex_match(bytes, parts, kForm))
+        const auto time = bytes.find('>') + 1;
+        const std::string text = bytes.substr(time, kTimeLength);
+        std::tm parts{};
+        const char* const end = ::strptime(text.c_str(), "%b %e %H:%M:%S ", &parts);
+        if (text.size() != kTimeLength || end == nullptr || *end != '\0')
             return "not of the form: " + bytes;
-        return "<" + parts[1].str() + ">" + parts[2].str();
+        return bytes.substr(0, time) + bytes.substr(time + kTimeLength);
     }
 
     static std::string identity() { return "key-warden[" + std::to_string(::getpid()) + "]: "; }
