@@ -11,6 +11,7 @@
 #include <charconv>
 #include <memory>
 
+#include "support/Log.h"
 #include "x509/CryptoFailure.h"
 #include "x509/OpenSslPtr.h"
 #include "x509/Validation.h"
@@ -50,11 +51,15 @@ std::string addressText(const ASN1_OCTET_STRING* address) {
 void addName(const GENERAL_NAME* name, AlternativeNames& names) {
     int kind = 0;
     const void* value = GENERAL_NAME_get0_value(name, &kind);
+    if (kind != GEN_DNS && kind != GEN_IPADD)
+        return;
     const auto* string = static_cast<const ASN1_STRING*>(value);
-    if (kind == GEN_DNS) {
-        names.hostnames.emplace_back(reinterpret_cast<const char*>(ASN1_STRING_get0_data(string)),
-                                     static_cast<std::size_t>(ASN1_STRING_length(string)));
-    } else if (kind == GEN_IPADD) {
+    const auto* data = reinterpret_cast<const char*>(ASN1_STRING_get0_data(string));
+    if (data == nullptr) {
+        Log::write(SeverityError, "ASN1_STRING_get0_data returns NULL");
+    } else if (kind == GEN_DNS) {
+        names.hostnames.emplace_back(data, static_cast<std::size_t>(ASN1_STRING_length(string)));
+    } else {
         const std::string address = addressText(string);
         if (!address.empty()) {
             names.ips.push_back(address);

@@ -207,7 +207,10 @@ choose_port() {
 }
 
 is_served() {
-    timeout 5 openssl s_client -connect "$1" </dev/null >/dev/null 2>&1
+    local address
+    for address in "$ipv4" ${ipv6:+"[$ipv6]"}; do
+        timeout 5 openssl s_client -connect "$address:$port" </dev/null >/dev/null 2>&1 || return 1
+    done
 }
 
 # Verification is on: without a matching name and a trusted certificate, s_client ends with a failure.
@@ -257,7 +260,7 @@ serve_certificate() {
     else
         start_s_server
     fi
-    wait_until 10 is_served "$ipv4:$port" ||
+    wait_until 20 is_served ||
         fail "the web server does not answer: $(cat "$work/web/error.log" "$work/s_server" 2>/dev/null)"
     show_connection "name" "$(where_is "$name"):$port" -servername "$name" -verify_hostname "$name"
     show_connection "IPv4 address" "$ipv4:$port" -verify_ip "$ipv4"
@@ -315,7 +318,7 @@ change_network() {
         wait "${web_servers[@]}" 2>/dev/null || true
         start_s_server
     fi
-    wait_until 10 is_served_now "$new_ipv4:$port" "$new_ipv4" || fail "the web server shows no new certificate"
+    wait_until 20 is_served_now "$new_ipv4:$port" "$new_ipv4" || fail "the web server shows no new certificate"
     show_connection "the new address" "$new_ipv4:$port" -verify_ip "$new_ipv4"
 }
 

@@ -83,8 +83,10 @@ void DaemonTest::TearDown() {
     for (const std::string& path :
          {lockFile(), pidFile(), sandbox().path("events"), fifo(), sandbox().path("run")})
         std::filesystem::remove_all(path);
-    for (const auto& entry : std::filesystem::directory_iterator(sandbox().path("services")))
-        std::filesystem::remove_all(entry.path());
+    for (const std::string& folder : {std::string("services"), std::string("keyward"), std::string("pipes")})
+        if (Sandbox::exists(sandbox().path(folder)))
+            for (const auto& entry : std::filesystem::directory_iterator(sandbox().path(folder)))
+                std::filesystem::remove_all(entry.path());
 }
 
 void FreshDaemonTest::SetUp() {

@@ -4,6 +4,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -36,6 +37,11 @@ using testsupport::Sandbox;
 
 class PidFile : public DaemonTest {
   protected:
+    void SetUp() override {
+        DaemonTest::SetUp();
+        std::filesystem::create_directories(sandbox().path("run"));
+        ::chmod(sandbox().path("run").c_str(), 0755);
+    }
     static std::string writtenByNobody(const std::string& path) {
         return inChild([&path]() -> std::string {
             testsupport::becomeNobody();
@@ -73,7 +79,6 @@ TEST_F(PidFile, OfSomebodyElseInAClosedFolderIsRefused) {
 
 TEST_F(PidFile, LinkInAClosedFolderIsNotFollowed) {
     const std::string victim = sandbox().write("victim", "keep me", 0666);
-    std::filesystem::create_directories(sandbox().path("run"));
     std::filesystem::create_symlink(victim, sandbox().path("run/keywardd.pid"));
     EXPECT_EQ(writtenByNobody(sandbox().path("run/keywardd.pid")), "refused " + std::to_string(EACCES));
     EXPECT_EQ(Sandbox::read(victim), "keep me");

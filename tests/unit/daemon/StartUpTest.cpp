@@ -396,21 +396,6 @@ TEST_F(Identity, ProcessThatIsNotRootStaysWhoItIs) {
                                          Not(HasSubstr("Change the user"))));
 }
 
-TEST_F(Identity, EveryStepThatFailsIsLoggedAndNoneIsFatal) {
-    const ExitedChild end = runToExit([] {
-        giveUpChangingIdentity();
-        keywarden::initDaemon();
-    });
-    EXPECT_TRUE(end.exitedWith(0)) << end.dump();
-    EXPECT_EQ(end.log, (Lines{
-                           {SeverityError, "Failed to set groups ID, err: Operation not permitted"},
-                           {SeverityError, "Failed to set group ID, err: Operation not permitted"},
-                           {SeverityError, "Failed to set user ID, err: Operation not permitted"},
-                       }));
-    EXPECT_THAT(end.standardError, AllOf(HasSubstr("Change the user... \n"),
-                                         HasSubstr("Change the user... done.\n"), Not(HasSubstr(" -> Set"))));
-}
-
 class IdentityDeathTest : public FreshDaemonTest {
   protected:
     static std::string identity() {
@@ -439,6 +424,27 @@ TEST_F(IdentityDeathTest, RootBecomesTheDaemonUserWithItsGroups) {
               HasSubstr(
                   " -> Set Groups done.\n -> Set main group done.\n -> Set user done.\nChange the user... "
                   "done.\n1 1 1 1 groups 1 60102 60103\n")));
+}
+
+TEST_F(IdentityDeathTest, EveryStepThatFailsIsLoggedAndNoneIsFatal) {
+    EXPECT_EXIT(
+        {
+            configureDaemon("daemon", "kwkeys");
+            giveUpChangingIdentity();
+            keywarden::gDebug = true;
+            CapturedLog::clear();
+            keywarden::initDaemon();
+            std::cerr << "log:\n" << CapturedLog::dump() << "end\n";
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0),
+        AllOf(HasSubstr("Change the user... \n"), HasSubstr("Change the user... done.\n"),
+              Not(HasSubstr(" -> Set")),
+              HasSubstr("log:\n"
+                        "3 Failed to set groups ID, err: Operation not permitted\n"
+                        "3 Failed to set group ID, err: Operation not permitted\n"
+                        "3 Failed to set user ID, err: Operation not permitted\n"
+                        "end\n")));
 }
 
 TEST_F(IdentityDeathTest, PidFileBelongsToTheDaemonUser) {

@@ -148,9 +148,12 @@ class FatalNotification : public DaemonTest {
     }
     /// The owner throws when it hears of the certificate for the new network.
     static ExitedChild networkChangeWith(const std::string& kind, const std::string& text) {
+        static int count = 0;
         ownerThrows("newGenerated", kind, text);
-        return runToExit([] {
-            setNetwork("fqdn.0 new.example\n");
+        // The certificate is installed when the owner hears of it: another name for every change.
+        const std::string network = "fqdn.0 new" + std::to_string(++count) + ".example\n";
+        return runToExit([&network] {
+            setNetwork(network);
             keywarden::notifiyNetworkChanged(services().front());
         });
     }
@@ -350,7 +353,7 @@ TEST_F(Watcher, MonitorIsNotStartedWithoutItsSettings) {
     EXPECT_TRUE(end.logged(SeverityInfo, "none"));
 }
 
-TEST_F(Watcher, ThreadThatIsGoneCannotBeCancelled) {
+TEST_F(Watcher, ThreadsThatHaveEndedAreNoTrouble) {
     const ExitedChild end = runToExit([] {
         const sigset_t stops = StopRequest::signals();
         ::sigprocmask(SIG_BLOCK, &stops, nullptr);
@@ -364,15 +367,9 @@ TEST_F(Watcher, ThreadThatIsGoneCannotBeCancelled) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         ::kill(::getpid(), SIGTERM);
         keywarden::MonitorShutdownSigReceived(nullptr);
+        keywarden::joinThreads();
     });
-    EXPECT_EQ(
-        end.log,
-        (Lines{
-            {SeverityInfo, "Received fatal signal : Terminated"},
-            {SeverityError, "threadNotificationHandler thread cancellation clean up handler failed"},
-            {SeverityError, "threadMonitorTimeNetworkConfig thread cancellation clean up handler failed"},
-        }))
-        << end.dump();
+    EXPECT_EQ(end.log, (Lines{{SeverityInfo, "Received fatal signal : Terminated"}})) << end.dump();
 }
 
 TEST_F(Watcher, StopEndsAScriptThatTheNotificationThreadWaitsFor) {

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <openssl/x509.h>
 
+#include "tests/unit/x509/CryptoFault.h"
 #include "tests/unit/x509/X509Fixture.h"
 #include "x509/Inspection.h"
 #include "x509/Signing.h"
@@ -104,6 +105,16 @@ TEST_F(Inspection, AlternativeNamesAreListedByKind) {
     const keywarden::AlternativeNames names = alternativeNamesOf(certificateOf(options));
     EXPECT_THAT(names.hostnames, ElementsAre("b.local", "a.local"));
     EXPECT_THAT(names.ips, ElementsAre("10.0.0.5", "fe80::1"));
+}
+
+TEST_F(Inspection, AnAlternativeNameWithoutDataIsLoggedAndSkipped) {
+    CertificateOptions options;
+    options.dns = {"a.local", "b.local"};
+    const X509_T certificate = certificateOf(options);
+    const CryptoFault fault("ASN1_STRING_get0_data");
+    EXPECT_THAT(alternativeNamesOf(certificate).hostnames, ElementsAre("b.local"));
+    EXPECT_TRUE(CryptoFault::struck());
+    expectLog({{keywarden::SeverityError, "ASN1_STRING_get0_data returns NULL"}});
 }
 
 TEST_F(Inspection, WithoutAlternativeNamesTheListsAreEmpty) {
