@@ -1,8 +1,9 @@
 #!/usr/bin/python3
-"""Runs the benchmark program and prints each job beside the bare loop it is held against.
+"""Runs the benchmark program and prints each job beside the bare loop it is held against, and then what a store that
+holds many certificates costs beside a small one.
 
 usage: report.py PATH-OF-keyward_bench [repetitions]
-Then what a store costs that holds many certificates. Exits 1 when a ratio is over its limit.
+Exits 1 when a ratio is over its limit.
 """
 import json
 import os

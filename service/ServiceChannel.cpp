@@ -139,7 +139,7 @@ void Service::startHandler(Stop before) {
     if (group && ::lchown(input.c_str(), static_cast<uid_t>(-1), *group) != 0)
         Log::write(SeverityError,
                    "Change the group of file: " + input + " to:" + getManagementGroup() + "' failed.");
-    if (::fchmodat(AT_FDCWD, input.c_str(), kInputMode, AT_SYMLINK_NOFOLLOW) != 0)
+    if (!FifoReader::setMode(input, kInputMode))
         throw KeywardenDaemonException("Error to assign required permissions to file '" + input +
                                        "' for service: " + id);
     // At a reload the requester may hold the lock of the file that is there.

@@ -34,8 +34,22 @@ bool FifoReader::make(const std::string& path, mode_t mode, const std::string& g
     const auto gid = groupIdOf(group);
     if (gid && ::lchown(path.c_str(), static_cast<uid_t>(-1), *gid) != 0)
         return false;
-    // Others may write the folder: what they put in the fifo's place meanwhile is not touched.
-    return ::fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW) == 0;
+    return setMode(path, mode);
+}
+
+// Others may write the folder: what they put in the fifo's place meanwhile is not touched. Where the mode is
+// right already, as it is while the umask is 0, the call is saved: the C library makes it by way of /proc,
+// which a chroot may lack.
+bool FifoReader::setMode(const std::string& path, mode_t mode) {
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) != 0)
+        return false;
+    if (!S_ISFIFO(info.st_mode)) {
+        errno = EINVAL;
+        return false;
+    }
+    return (info.st_mode & 07777U) == mode ||
+           ::fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 UniqueFd FifoReader::openEnd() const {

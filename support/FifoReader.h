@@ -27,6 +27,9 @@ class FifoReader {
     /// left alone, as Tools::changeGroup does.
     static bool make(const std::string& path, mode_t mode, const std::string& group);
 
+    /// Gives a fifo its exact mode; never follows a link. False, with errno, when it cannot.
+    static bool setMode(const std::string& path, mode_t mode);
+
   private:
     [[nodiscard]] UniqueFd openEnd() const;
 

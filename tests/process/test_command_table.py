@@ -70,7 +70,8 @@ class Table(Case):
         self.ask("server", "getcertinfo", (), (1, FAILURE + "The path of the certificate is missing."))
         # The first argument counts.
         for count in range(1, 5):
-            self.ask("server", "getcertinfo", (path, "b", "c", "d")[:count], self.described("issuer_name CN=Outside CA"))
+            self.ask("server", "getcertinfo", (path, "b", "c", "d")[:count],
+                     self.described("issuer_name CN=Outside CA"))
         self.ask("server", "revoke", (), (0, ""), ("server", "new", active))
 
     def described(self, line):

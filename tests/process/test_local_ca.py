@@ -21,7 +21,8 @@ TIME_DONE = (NOTICE, "Time reload notification completed")
 NETWORK_DONE = (NOTICE, "Notification reload network completed")
 AUTHORITY = {"CN": "Local CA", "basicConstraints": "critical,CA:TRUE", "keyUsage": "critical,keyCertSign,cRLSign",
              "subjectKeyIdentifier": "hash"}
-USAGES = {"web": ("serverAuth", ExtendedKeyUsageOID.SERVER_AUTH), "mqtt": ("clientAuth", ExtendedKeyUsageOID.CLIENT_AUTH)}
+USAGES = {"web": ("serverAuth", ExtendedKeyUsageOID.SERVER_AUTH),
+          "mqtt": ("clientAuth", ExtendedKeyUsageOID.CLIENT_AUTH)}
 
 
 def followed(service):
@@ -251,8 +252,8 @@ class Followers(Local):
         self.assertEqual(self.device.channel("web").ask("server", "revoke"), (0, ""))
         self.assert_renewed(before, "web")
         self.assert_verified("web")
-        self.assert_logged(NOTICE, "Create and Apply CA-Signed certificate for service 'web' as the old one is revoked.",
-                           count=1)
+        self.assert_logged(NOTICE, "Create and Apply CA-Signed certificate for service 'web' as the old one is "
+                                   "revoked.", count=1)
 
 
 class NoAuthority(Local):

@@ -11,9 +11,9 @@ import threading
 import time
 
 from kwtest import Case, main
-from kwtest.channel import read_answer
+from kwtest.channel import read_answer, write_fifo
 from kwtest.device import PIPES, WORK
-from kwtest.process import limit, wait_until
+from kwtest.process import limit, wait_exit, wait_until
 from kwtest.syslog import ERR, NOTICE, WARNING
 
 OUTPUT = f"{PIPES}/web/web.out"
@@ -227,6 +227,27 @@ class Crowds(Case):
         for asker in askers:
             asker.join()
         self.assertEqual(failures, [])
+
+    def test_of_many_writers_none_meets_a_closed_fifo(self):
+        # Nobody waits for answers here: the writers come as fast as they can, also while the reader changes ends.
+        fifos = (self.channel.input, self.device.host(f"{PIPES}/notification.signal"))
+        writers = [writer for fifo in fifos for writer in (self.fork_writer(fifo), self.fork_writer(fifo))]
+        statuses = [wait_exit(writer, limit(60)) for writer in writers]
+        self.assertEqual(statuses, [0] * 4)
+        self.assertEqual(self.channel.ask_locked("config", "status", timeout=60), (0, "running"))
+
+    @staticmethod
+    def fork_writer(fifo):
+        """A process that writes a byte 3000 times; it fails when a write does."""
+        child = os.fork()
+        if child == 0:
+            status = 1
+            with contextlib.suppress(BaseException):
+                for _ in range(3000):
+                    write_fifo(fifo, b"x")
+                status = 0
+            os._exit(status)
+        return child
 
     def test_requests_while_notifications_pour_in_are_all_answered(self):
         over = threading.Event()

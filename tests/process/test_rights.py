@@ -95,7 +95,9 @@ class Files(Case):
         self.device.service("web")
         os.umask(0o077)
         self.device.start()
+        self.assertEqual(self.device.rights(LOCK), ("-", 0o640, *OWN))
         self.assertEqual(self.device.rights(KEYWARD), ("d", 0o711, *OWN))
+        self.assertEqual(self.device.rights(f"{KEYWARD}/web/server"), ("d", 0o711, *MANAGED))
         self.assertEqual(self.device.rights(f"{PIPES}/web"), ("d", 0o770, *MANAGED))
         self.assertEqual(self.device.rights(f"{PIPES}/web/web.lock"), ("-", 0o760, *MANAGED))
 

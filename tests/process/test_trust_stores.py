@@ -265,7 +265,8 @@ class Restart(Stores):
         self.assert_logged(ERR, f"The certificate '{active}' of service 'web' cannot be loaded, going on without it: "
                                 f"Error: Impossible to open {PIPES}/web/server/{active}.info for reading! Because the "
                                 "file does not exist.", count=1)
-        self.assert_logged(NOTICE, "Certificate for service 'web' can not be created as signed type is disabled.", count=1)
+        self.assert_logged(NOTICE, "Certificate for service 'web' can not be created as signed type is disabled.",
+                           count=1)
         self.assertEqual(self.channel.ask("server", "revoke"), (0, ""))
         self.added("ca", certificates.Pki().pem())
         self.service()
