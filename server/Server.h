@@ -96,8 +96,8 @@ class Server {
     void createCsr();
     void createCsr(const OverrideStaticConfig& override);
     [[nodiscard]] std::string getCsrInfo() const;
-    /// Installs the certificate in a file of any folder with the pending request's key. A failure leaves the
-    /// active certificate as it was.
+    /// Installs the certificate in a file of any folder with the pending request's key. One that is refused
+    /// leaves the active certificate as it was.
     void applyCrt(const std::string& path);
 
     // Expiry (ServerExpiry.cpp).

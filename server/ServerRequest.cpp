@@ -92,9 +92,7 @@ void Server::applyCrt(const std::string& path) {
     const X509_T certificate = readCertificateToApply(path);
     const auto [request, key] = readPendingRequest();
     // Signed: a moment before the epoch is long past.
-    const auto notAfter =
-        static_cast<std::int64_t>(asn1datetime_isodatetime(X509_get0_notAfter(certificate.get())));
-    if (notAfter < Clock::now())
+    if (static_cast<std::int64_t>(notAfterOf(certificate)) < Clock::now())
         throw KeywardenDaemonException(
             "End date of Certificate you are trying to apply is beyond the current system");
     // The key's folder is less well guarded than the request's: what does not fit is not installed.

@@ -1,5 +1,7 @@
 #include "support/StopRequest.h"
 
+#include <fcntl.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -24,6 +26,15 @@ bool isSignalPending() {
     ::sigpending(&pending);
     return ::sigismember(&pending, SIGINT) == 1 || ::sigismember(&pending, SIGTERM) == 1 ||
            ::sigismember(&pending, SIGQUIT) == 1;
+}
+
+// A forked child shares its parent's descriptors, and neither may wake the other.
+void takeOwnDescriptor() {
+    const int own = ::eventfd(raisedAt == kNotRaised ? 0 : 1, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (own < 0)
+        return;
+    ::dup3(own, StopRequest::raisedDescriptor(), O_CLOEXEC);
+    ::close(own);
 }
 
 }  // namespace
@@ -52,7 +63,10 @@ bool StopRequest::isRaised() {
 }
 
 int StopRequest::raisedDescriptor() {
-    static const int descriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    static const int descriptor = [] {
+        ::pthread_atfork(nullptr, nullptr, takeOwnDescriptor);
+        return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    }();
     return descriptor;
 }
 

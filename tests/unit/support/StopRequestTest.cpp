@@ -101,6 +101,20 @@ TEST(StopRequest, BudgetRunsFromTheFirstRaiseAndEndsAtZero) {
               "as agreed");
 }
 
+TEST(StopRequest, OfAChildIsItsOwnAlone) {
+    EXPECT_EQ(inChild([] {
+                  state();  // the descriptors are there before the fork
+                  const std::string child = inChild([] {
+                      StopRequest::raise();
+                      return state();
+                  });
+                  const std::string parent = state();
+                  StopRequest::raise();
+                  return child + ", " + parent + ", " + inChild(state);
+              }),
+              "raised told, quiet, raised told");
+}
+
 TEST(StopRequest, ManyThreadsMayRaiseIt) {
     EXPECT_EQ(inChild([] {
                   std::array<std::thread, 8> threads;
