@@ -48,7 +48,7 @@ std::string storePath(const std::string& serviceId, const std::string& store, co
     }
 }
 
-/// A folder can be opened and read to an empty end, and a fifo would be waited on for ever.
+/// A fifo would be waited on for ever, a folder only fails when it is read.
 bool isRegularFile(const std::string& path) {
     struct stat info {};
     return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);

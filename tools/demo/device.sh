@@ -38,6 +38,15 @@ in_background() {
     started+=($!)
 }
 
+end_process() {
+    local index
+    kill "$1"
+    wait "$1" 2>/dev/null || true
+    for index in "${!started[@]}"; do
+        [ "${started[index]}" != "$1" ] || unset "started[index]"
+    done
+}
+
 as_user() {
     local user=$1 group=$2
     shift 2
@@ -180,6 +189,9 @@ install_settings() {
         chown "$owner" "$root$folder"
     done
     chown "$owner" "$root/run/ready"
+    # Where the operator puts the certificates that the daemon shall take.
+    mkdir "$root$uploads"
+    chown "${user_ids[operator]}:${group_ids[operator]}" "$root$uploads"
 }
 
 # Names and addresses as they would stand on the device. In a network of the host's, only the loopback is ours.

@@ -29,7 +29,7 @@ point() {
 
 # nginx reads its certificate again on SIGHUP. One that runs under another account cannot be signalled from here:
 # then a file asks whoever may do it, with systemd for example a path unit that has
-# "PathModified=/run/keywarden/current/web.reload" and starts a unit with "ExecStart=systemctl reload nginx".
+# "PathModified=/run/keywarden/current/nginx.reload" and starts a unit with "ExecStart=systemctl reload nginx".
 reloadServer() {
     pid=
     if [ -r "$serverPid" ]; then
@@ -38,7 +38,7 @@ reloadServer() {
     if [ -z "$pid" ] || [ ! -d "/proc/$pid" ]; then
         return # it reads the new certificate when it starts
     fi
-    kill -HUP "$pid" 2>/dev/null || : >"$current/$1.reload"
+    kill -HUP "$pid" 2>/dev/null || : >"$current/nginx.reload"
 }
 
 # The daemon works with an empty umask, and so would this script.
@@ -46,9 +46,9 @@ umask 022
 printf '%s %s\n' "$(date -u '+%Y-%m-%d %H:%M:%S')" "$*" >>"$log"
 
 case "$1 $2 ${3:-}" in
-    'web server new')
-        point web "$4"
-        reloadServer web
+    'web server new' | 'api server new') # nginx serves both
+        point "$1" "$4"
+        reloadServer
         ;;
     *' server new') point "$1" "$4" ;;
 esac

@@ -167,6 +167,12 @@ TEST(ServiceConfiguration, DailyCheckOffsetThatCannotBeReadFails) {
     EXPECT_EQ(failure("CertDailyExpiryChkTimeOffsetSecs 18446744073709551616\n"), text);
 }
 
+TEST(ServiceConfiguration, ReloadWithoutADailyCheckOffsetGoesBackTo0) {
+    ServiceConfiguration web = load(kMinimal + "CertDailyExpiryChkTimeOffsetSecs 60\n");
+    EXPECT_EQ(reloadFailure(web, kMinimal), "(none)");
+    EXPECT_EQ(web.getCertDailyExpiryChkTimeOffsetSecs(), 0U);
+}
+
 TEST(ServiceConfiguration, DailyCheckOffsetIsTraced) {
     TestDevice::get().writeService("web", kMinimal + "CertDailyExpiryChkTimeOffsetSecs 0077\n");
     keywarden::gDebug = true;

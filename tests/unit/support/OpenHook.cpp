@@ -1,8 +1,7 @@
 #include "OpenHook.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <cstdarg>
 #include <utility>
@@ -14,7 +13,7 @@ thread_local std::function<void()> pendingAction;
 
 }  // namespace
 
-// Takes the place of the C library's function in this program.
+// Takes the place of the C library's function in this program, and calls it.
 extern "C" int open(const char* path, int flags, ...) {
     unsigned mode = 0;
     if ((flags & (O_CREAT | O_TMPFILE)) != 0) {
@@ -25,7 +24,9 @@ extern "C" int open(const char* path, int flags, ...) {
     }
     if (pendingAction && (flags & O_ACCMODE) == O_RDONLY && awaitedPath == path)
         std::exchange(pendingAction, nullptr)();
-    return static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, flags, mode));
+    using Open = int (*)(const char*, int, ...);
+    static const auto next = reinterpret_cast<Open>(::dlsym(RTLD_NEXT, "open"));
+    return next(path, flags, mode);
 }
 
 OpenHook::OpenHook(std::string path, std::function<void()> action) {

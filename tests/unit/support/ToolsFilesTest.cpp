@@ -186,6 +186,7 @@ TEST_F(ToolsFiles, FileWithoutACertificateIsNeverTheSame) {
 TEST_F(ToolsFiles, FileThatEndsWithinItsCertificateHasShownNoDifference) {
     EXPECT_TRUE(same(kBegin + "AAA\n", kBegin + "AAA\nBBB\n" + kEnd));
     EXPECT_TRUE(same(kBegin, kBegin + "AAA\n" + kEnd));
+    EXPECT_TRUE(same(kBegin + "AAA\nBBB\n" + kEnd, kBegin + "AAA\n"));
     EXPECT_TRUE(same(kBegin + "AAA\n" + kEnd, kBegin + "AAA\n-----END CERTIFICATE-----"));
     EXPECT_FALSE(same(kBegin + "AAA\n", kBegin + "BBB\n"));
 }
