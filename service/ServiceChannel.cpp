@@ -65,19 +65,51 @@ class Patience {
     std::int64_t start_ = Clock::monotonicMilliseconds();
 };
 
+/// The fifo that an answer waits to be opened. Kept, so that its number is given to no other file meanwhile:
+/// a fifo that later stands in its place is the next requester's, who must not get this answer.
+class AwaitedFifo {
+  public:
+    // False, with errno ENOENT, when something else stands in its place by now.
+    bool isStillAt(const std::string& path) {
+        if (!fifo_)
+            fifo_ = UniqueFd(::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        struct stat info {};
+        return ::lstat(path.c_str(), &info) == 0 && isThis(info);
+    }
+
+    // The same for a fifo that has just been opened.
+    [[nodiscard]] bool isThis(int descriptor) const {
+        struct stat info {};
+        return !fifo_ || (::fstat(descriptor, &info) == 0 && isThis(info));
+    }
+
+  private:
+    [[nodiscard]] bool isThis(const struct stat& other) const {
+        struct stat own {};
+        const bool same = fifo_ && ::fstat(fifo_.get(), &own) == 0 && own.st_dev == other.st_dev &&
+                          own.st_ino == other.st_ino;
+        errno = same ? errno : ENOENT;
+        return same;
+    }
+
+    UniqueFd fifo_;
+};
+
 // Nobody may be held up by a requester who made its fifo and does not read: so never a blocking open. One
 // that is just about to open it is first given the processor, then more and more time. errno tells why there
 // is none.
 UniqueFd openForAnswer(const std::string& path, const Patience& patience) {
+    AwaitedFifo awaited;
     std::int64_t wait = 1;
     for (int attempt = 0;; ++attempt) {
         UniqueFd output(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
         if (output && !isFifo(output.get())) {
-            output.reset();
             errno = EINVAL;
-            return output;
+            output.reset();
+        } else if (output && !awaited.isThis(output.get())) {
+            output.reset();
         }
-        if (output || errno != ENXIO || patience.isOver() || isSocket(path))
+        if (output || errno != ENXIO || patience.isOver() || isSocket(path) || !awaited.isStillAt(path))
             return output;
         if (attempt < kYields) {
             ::sched_yield();

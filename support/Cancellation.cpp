@@ -45,6 +45,30 @@ class StackMap {
     [[maybe_unused]] bool cameBack_ = false;
 };
 
+#ifdef __SANITIZE_THREAD__
+// The thread sanitizer stands between these waits and the C library, and takes a thread that is cancelled
+// there for one that is still inside: what it closes while it unwinds would go unseen, and the next owner of
+// the descriptor would seem to race with it. This name of poll is the C library's own.
+extern "C" int __poll(pollfd* descriptors, nfds_t count, int timeoutMilliseconds);
+
+int waitForDescriptors(pollfd* descriptors, nfds_t count, int timeoutMilliseconds) {
+    return __poll(descriptors, count, timeoutMilliseconds);
+}
+
+int waitForTime(const timespec& wait) {
+    const std::int64_t milliseconds = wait.tv_sec * INT64_C(1000) + wait.tv_nsec / 1000000;
+    return __poll(nullptr, 0, static_cast<int>(milliseconds));
+}
+#else
+int waitForDescriptors(pollfd* descriptors, nfds_t count, int timeoutMilliseconds) {
+    return ::poll(descriptors, count, timeoutMilliseconds);
+}
+
+int waitForTime(const timespec& wait) {
+    return ::clock_nanosleep(CLOCK_MONOTONIC, 0, &wait, nullptr);
+}
+#endif
+
 constexpr std::int64_t kLockSliceMilliseconds = 10;
 
 }  // namespace
@@ -58,7 +82,7 @@ bool Cancellation::prepareThread() {
 int Cancellation::poll(pollfd* descriptors, nfds_t count, int timeoutMilliseconds) {
     StackMap map;
     const int before = enableCancellation();
-    const int result = ::poll(descriptors, count, timeoutMilliseconds);
+    const int result = waitForDescriptors(descriptors, count, timeoutMilliseconds);
     restoreCancellation(before);
     map.comeBack();
     return result;
@@ -70,7 +94,7 @@ bool Cancellation::sleep(std::int64_t milliseconds) {
     wait.tv_nsec = static_cast<long>(milliseconds % 1000) * 1000000L;
     StackMap map;
     const int before = enableCancellation();
-    const int result = ::clock_nanosleep(CLOCK_MONOTONIC, 0, &wait, nullptr);
+    const int result = waitForTime(wait);
     restoreCancellation(before);
     map.comeBack();
     return result == 0;

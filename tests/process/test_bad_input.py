@@ -4,10 +4,9 @@ import os
 import time
 
 from kwtest import SETTINGS, Case, certificates, main
-from kwtest.case import last_line
-from kwtest.device import CALLBACK, CONFIGURATION, KEYWARD, LOCK, PID, PIPES, SCRIPTS, SERVICES, WORK
+from kwtest.device import CONFIGURATION, KEYWARD, LOCK, PID, PIPES, SCRIPTS, SERVICES, WORK
 from kwtest.process import status_of
-from kwtest.syslog import EMERG, ERR, NOTICE
+from kwtest.syslog import EMERG, ERR
 
 HUNDRED_MEGABYTES = "yes 0123456789012345678901234567890123456789 | head -c 100000000"
 
@@ -84,8 +83,8 @@ class Programs(Bad):
         self.device.start()
         self.assert_running("good")
         self.assertEqual(self.device.active("bad"), "")
-        self.assertTrue(any(severity == ERR and "/opt/hooks/noisy" in text for severity, text in self.device.log_lines()),
-                        self.device.log_text())
+        self.assertTrue(any(severity == ERR and "/opt/hooks/noisy" in text
+                            for severity, text in self.device.log_lines()), self.device.log_text())
         self.assert_small()
 
     def test_a_settings_hook_that_is_no_program(self):
@@ -149,14 +148,16 @@ class Files(Bad):
         self.device.service("good")
         self.device.write(f"{SERVICES}/bad.conf", os.urandom(100_000))
         self.device.start()
-        found = [text for severity, text in self.device.log_lines() if severity == ERR and text.startswith("Error during")]
+        found = [text for severity, text in self.device.log_lines()
+                 if severity == ERR and text.startswith("Error during")]
         self.assertEqual(found, ["Error during starting bad: Invalid config parameter: cnf File or cnfFile must be "
                                  "defined"])
         self.assert_running("good")
 
     def test_numbers_out_of_range_in_a_service_file(self):
         cases = {"a": dict(CertDailyExpiryChkTimeOffsetSecs="86400"), "b": dict(ca="yes", maximumCA="many"),
-                 "c": dict(ca="yes", maximumCA="70000"), "d": dict(selfSignedValidity="10", selfSignedValidityOffset="10")}
+                 "c": dict(ca="yes", maximumCA="70000"),
+                 "d": dict(selfSignedValidity="10", selfSignedValidityOffset="10")}
         for name, settings in cases.items():
             self.device.service(name, **settings)
         self.device.service("good")

@@ -2,7 +2,7 @@
 
 from kwtest import Case, certificates, main
 from kwtest.device import KEYWARD, PIPES, WORK
-from kwtest.syslog import ERR, INFO, NOTICE
+from kwtest.syslog import ERR
 
 TARGETS = ("server", "ca", "client", "config")
 ANY = range(0, 100)
@@ -69,7 +69,8 @@ class Words(Case):
         self.assert_refusals(channel)
         for word, target, count in COMBINATIONS:
             if is_accepted(word, target, count) and word not in EXECUTED[target]:
-                self.assertEqual(self.ask(channel, word, target, count), (4, BAD_COMMAND[target]), (word, target, count))
+                self.assertEqual(self.ask(channel, word, target, count), (4, BAD_COMMAND[target]),
+                                 (word, target, count))
         self.assert_executed(channel)
         self.assert_whole_store("web")
 
@@ -141,10 +142,12 @@ class Lines(Case):
 
     def test_an_unknown_word(self):
         for word in ("Status", "", "status ", "quit"):
-            self.assert_refused(f"a\tb\tconfig\t{word}", "Bad format for command. Incorrect arguments received for: " + word)
+            self.assert_refused(f"a\tb\tconfig\t{word}",
+                                "Bad format for command. Incorrect arguments received for: " + word)
 
     def test_a_line_feed_belongs_to_the_last_field(self):
-        self.assert_refused("a\tb\tconfig\tstatus\n", "Bad format for command. Incorrect arguments received for: status\n")
+        self.assert_refused("a\tb\tconfig\tstatus\n",
+                            "Bad format for command. Incorrect arguments received for: status\n")
 
     def test_a_tab_at_the_end_makes_an_empty_argument(self):
         self.assert_refused("a\tb\tconfig\tstatus\t", "Bad format for command. Incorrect arguments received for: status")

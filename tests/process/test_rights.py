@@ -5,6 +5,7 @@ import re
 import traceback
 
 from kwtest import Case, certificates, main
+from kwtest.channel import read_answer
 from kwtest.device import CALLBACK, GROUPS, KEYWARD, LOCK, PID, PIPES, SCRIPTS, WORK
 from kwtest.process import status_of
 from kwtest.syslog import NOTICE
@@ -217,7 +218,6 @@ class OtherUsers(Case):
         with open(self.channel.lock, "r+b"), self.channel.listening(mode=0o620) as reader:
             os.chown(self.channel.output, -1, 4251)
             self.channel.send("tester\tweb\tconfig\tstatus")
-            from kwtest.channel import read_answer
             return read_answer(reader)
 
     def test_a_member_of_the_management_group_can_ask(self):

@@ -207,12 +207,13 @@ TEST(FileWriter, ReadersMeetOldOrNewButNothingBetween) {
             torn += content != contents[0] && content != contents[1] ? 1 : 0;
         }
     });
-    for (std::size_t i = 0; i < 40; ++i)
+    // On a busy machine the reader comes to its turn late.
+    for (std::size_t i = 0; i < 40 || (reads < 20 && i < 4000); ++i)
         FileWriter::write(path, contents[i % 2], attributes(0644));
     done = true;
     reader.join();
     EXPECT_EQ(torn, 0);
-    EXPECT_GT(reads, 10);
+    EXPECT_GE(reads, 20);
 }
 
 TEST(FileWriter, FolderInThePlaceOfTheFileStays) {

@@ -104,6 +104,7 @@ TEST_F(Request, AValueThatIsTooLongIsTracedAndLeftOut) {
 }
 
 TEST_F(Request, ItIsTracedStepByStep) {
+    key();  // made at its first use, which is traced too
     EXPECT_EQ(tracesOf([] { const X509_REQ_T request(settings(), key()); }),
               "Creating new x509 certificate signing request...\n"
               "Signing the x509 CSR with the private key...\n"
