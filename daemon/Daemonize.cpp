@@ -48,9 +48,9 @@ void awaitPidFile(Pipe pipe) {
 }
 
 void becomeBackgroundProcess() {
-    ::signal(SIGCHLD, SIG_DFL);
+    static_cast<void>(::signal(SIGCHLD, SIG_DFL));
     for (const int ignored : {SIGTSTP, SIGTTOU, SIGTTIN, SIGHUP})
-        ::signal(ignored, SIG_IGN);
+        static_cast<void>(::signal(ignored, SIG_IGN));
 }
 
 // A stop that reached the parent while it forked was meant for the daemon.

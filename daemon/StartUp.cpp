@@ -73,7 +73,7 @@ void prepareProcess() {
             break;
         }
     }
-    ::signal(SIGPIPE, SIG_IGN);
+    static_cast<void>(::signal(SIGPIPE, SIG_IGN));
     const sigset_t stops = StopRequest::signals();
     ::sigprocmask(SIG_BLOCK, &stops, nullptr);
     // Many threads that mostly sleep: one heap for all of them instead of one each.

@@ -113,10 +113,13 @@ UniqueFd openForAnswer(const std::string& path, const Patience& patience) {
             return output;
         if (attempt < kYields) {
             ::sched_yield();
-            continue;
+        } else {
+            Cancellation::sleep(wait);
+            wait = std::min(2 * wait, kLongestRetryMilliseconds);
         }
-        Cancellation::sleep(wait);
-        wait = std::min(2 * wait, kLongestRetryMilliseconds);
+        // Before it is opened: the next requester would take the closing for an empty answer.
+        if (!awaited.isStillAt(path))
+            return {};
     }
 }
 

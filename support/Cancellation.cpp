@@ -75,6 +75,8 @@ constexpr std::int64_t kLockSliceMilliseconds = 10;
 
 bool Cancellation::prepareThread() {
     ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    // Harmless: cancelling is off, and the next call takes it back.
+    // NOLINTNEXTLINE(cert-pos47-c,concurrency-thread-canceltype-asynchronous)
     const bool set = ::pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr) == 0;
     return ::pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr) == 0 && set;
 }

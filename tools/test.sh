@@ -40,6 +40,6 @@ for preset in $presets; do
     }
     cmake --build --preset "$preset" -j "$jobs"
     say "Preset $preset: tests"
-    # The whole-process tests run the daemon as root in a mount namespace of their own.
-    as_root ctest --preset "$preset" -j "$jobs" --output-on-failure --progress
+    # The whole-process tests run the daemon as root in a mount namespace of their own, and mostly wait.
+    as_root ctest --preset "$preset" -j "$((2 * jobs))" --output-on-failure
 done

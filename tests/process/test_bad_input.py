@@ -131,9 +131,9 @@ class Files(Bad):
         self.assertEqual(daemon.wait_parent(), 12)
         severity, text = self.device.log_lines()[-1]
         self.assertEqual(severity, EMERG)
-        self.assertTrue(text.startswith("Stopping with the code 12 due to Std exception caught while loading the daemon "
-                                        "configuration file. Error: Bad daemon configuration file : 'keywardDirectory' "
-                                        "is not defined; "), text)
+        self.assertTrue(text.startswith(
+            "Stopping with the code 12 due to Std exception caught while loading the daemon configuration file. Error: "
+            "Bad daemon configuration file : 'keywardDirectory' is not defined; "), text)
         for path in (LOCK, PID, KEYWARD):
             self.assertFalse(self.device.exists(path))
 

@@ -150,7 +150,8 @@ class Lines(Case):
                             "Bad format for command. Incorrect arguments received for: status\n")
 
     def test_a_tab_at_the_end_makes_an_empty_argument(self):
-        self.assert_refused("a\tb\tconfig\tstatus\t", "Bad format for command. Incorrect arguments received for: status")
+        self.assert_refused("a\tb\tconfig\tstatus\t",
+                            "Bad format for command. Incorrect arguments received for: status")
 
     def test_the_header_fields_do_not_matter(self):
         for header in ("\t", "x\ty", "\0\t\xff", "web\tweb"):
@@ -234,7 +235,8 @@ class Execution(Case):
         pki = certificates.Pki()
         self.device.write(f"{WORK}/ca.pem", pki.pem())
         self.device.write(f"{WORK}/leaf.pem", pki.leaf("leaf"))
-        self.assertEqual(self.channel.ask("ca", "add", f"{WORK}/leaf.pem"), (9, failure + "No valid certificate found."))
+        self.assertEqual(self.channel.ask("ca", "add", f"{WORK}/leaf.pem"),
+                         (9, failure + "No valid certificate found."))
         self.assertEqual(self.channel.ask("ca", "add", f"{WORK}/ca.pem")[0], 0)
         code, text = self.channel.ask("ca", "add", f"{WORK}/ca.pem")
         self.assertEqual(code, 43)

@@ -184,8 +184,8 @@ class Renewal(Case):
         self.assertEqual(channel.ask("server", "createcsr"), (0, ""))
         csr = self.device.read(f"{KEYWARD}/web/server/.cacheddata/csr.csr")
         outside = certificates.Pki().sign(csr, days=10, start=SUMMER - DAY)
-        self.device.write("/srv/work/outside.pem", outside)
-        self.assertEqual(channel.ask("server", "applycrt", "/srv/work/outside.pem"), (0, ""))
+        self.device.write("/srv/scratch/outside.pem", outside)
+        self.assertEqual(channel.ask("server", "applycrt", "/srv/scratch/outside.pem"), (0, ""))
         # It ended eleven days and an hour before.
         self.jump(SUMMER + 20 * DAY + 3600)
         self.assertEqual(self.certificate("web"), certificates.load(outside))

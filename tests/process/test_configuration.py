@@ -43,11 +43,13 @@ class ConfigurationFile(Case):
                                                     "namePipesDirectory", "daemonUser", "scriptsDirectory")))
 
     def test_a_line_without_a_space_sets_nothing(self):
-        self.device.write(CONFIGURATION, settings_text({**DAEMON_SETTINGS, "daemonUser": None}) + "daemonUser=keyuser\n")
+        self.device.write(CONFIGURATION,
+                          settings_text({**DAEMON_SETTINGS, "daemonUser": None}) + "daemonUser=keyuser\n")
         self.assert_refused("Bad daemon configuration file : 'daemonUser' is not defined; ")
 
     def test_an_indented_line_with_a_comment_sets_nothing(self):
-        self.device.write(CONFIGURATION, settings_text({**DAEMON_SETTINGS, "pidFile": None}) + f"  pidFile {PID} # mine\n")
+        self.device.write(CONFIGURATION,
+                          settings_text({**DAEMON_SETTINGS, "pidFile": None}) + f"  pidFile {PID} # mine\n")
         self.assert_refused("Bad daemon configuration file : 'pidFile' is not defined; ")
 
     def test_numbers_that_are_none_are_refused_with_the_shared_text(self):

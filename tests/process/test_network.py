@@ -10,7 +10,8 @@ from kwtest.device import KEYWARD, LOCK, PID, PIPES, SCRIPTS
 from kwtest.process import wait_until
 from kwtest.syslog import EMERG, INFO, NOTICE
 
-RECEIVED, COMPLETED = (NOTICE, "Notification reload network received"), (NOTICE, "Notification reload network completed")
+RECEIVED = (NOTICE, "Notification reload network received")
+COMPLETED = (NOTICE, "Notification reload network completed")
 ETH0 = {"networkInterface.0": "eth0", "includeIPv4.0": "yes"}
 
 
@@ -155,7 +156,8 @@ class Kinds(Case):
         self.assertTrue(certificates.is_signed_by(second, self.certificate("pkiroot")))
         self.assert_logged(NOTICE, "Create and Apply CA-Signed certificate for service 'alpha' as the network changed.",
                            count=1)
-        told = [line for line in device.log_lines() if line[1].startswith("The service") and "network changed" in line[1]]
+        told = [(severity, text) for severity, text in device.log_lines()
+                if text.startswith("The service") and "network changed" in text]
         self.assertEqual(told[:2], [checking("pkiroot"), checked("pkiroot")])
         self.assertEqual(len(told), 6)
 
@@ -167,8 +169,8 @@ class Kinds(Case):
         channel = device.channel("web")
         self.assertEqual(channel.ask("server", "createcsr"), (0, ""))
         pem = certificates.Pki().sign(device.read(f"{KEYWARD}/web/server/.cacheddata/csr.csr"))
-        device.write("/srv/work/outside.pem", pem)
-        self.assertEqual(channel.ask("server", "applycrt", "/srv/work/outside.pem"), (0, ""))
+        device.write("/srv/scratch/outside.pem", pem)
+        self.assertEqual(channel.ask("server", "applycrt", "/srv/scratch/outside.pem"), (0, ""))
         self.assertEqual(self.assert_whole_store("web"), certificates.load(pem))
         device.network(network("10.0.0.6"))
         device.notify("n")

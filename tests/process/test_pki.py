@@ -2,7 +2,7 @@
 
 from kwtest import Case, certificates, main
 from kwtest.device import KEYWARD, PIPES, WORK
-from kwtest.syslog import ERR
+from kwtest.syslog import ERR, INFO
 
 CSR = f"{KEYWARD}/web/server/.cacheddata/csr.csr"
 FAILURE = "Daemon exception during user request process for service 'web': "
@@ -35,8 +35,9 @@ class Apply(Case):
         self.assertEqual(self.device.calls()[told:], [("web", "server", "new", self.device.active("web"))])
         texts = [text for _, text in self.device.log_lines()]
         self.assertIn("Apply CRT request received for service: web", texts)
-        self.assert_in_order([(6, "The service web is stopping its timer..."), (6, "The service web stopped its timer."),
-                              (6, "The service web is starting his timer..."), (6, "The service web started his timer.")])
+        self.assert_in_order([
+            (INFO, "The service web is stopping its timer..."), (INFO, "The service web stopped its timer."),
+            (INFO, "The service web is starting his timer..."), (INFO, "The service web started his timer.")])
 
     def test_it_stays_over_a_restart_and_a_revocation_makes_our_own(self):
         pem = self.pki.sign(self.request())
@@ -77,10 +78,10 @@ class Apply(Case):
                         b"-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n"):
             code, text = self.apply(content)
             self.assertEqual(code, 9, text)
-            self.assertTrue(text.startswith(FAILURE + "Certificate reading failed during applyCrt operation for service "
-                                                      "'web'"), text)
+            self.assertTrue(text.startswith(
+                FAILURE + "Certificate reading failed during applyCrt operation for service 'web'"), text)
             self.assertTrue(self.device.exists(CSR))
-        self.assertTrue(self.channel.ask("config", "status"), (0, "running"))
+        self.assertEqual(self.channel.ask("config", "status"), (0, "running"))
 
     def test_without_a_request_it_is_refused_with_21(self):
         code, text = self.apply(self.pki.leaf("device.test"))

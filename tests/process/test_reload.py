@@ -66,7 +66,8 @@ class Reload(Case):
         self.assertEqual(self.device.rights(f"{PIPES}/web/web.lock"), ("-", 0o760, "keyuser", "kwmgmt"))
 
     def test_a_second_one_while_one_runs_is_dropped(self):
-        self.device.recording_script(CALLBACK, body=f'[ "$2" = start ] && while [ ! -e {WORK}/go ]; do sleep 0.05; done')
+        wait = f"while [ ! -e {WORK}/go ]; do sleep 0.05; done"
+        self.device.recording_script(CALLBACK, body=f'[ "$2" = start ] && {wait}')
         with self.channel.listening() as reader:
             self.channel.send("tester\tweb\tconfig\treload")
             self.device.wait_log(NOTICE, "Reload the service web")

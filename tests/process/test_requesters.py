@@ -17,7 +17,8 @@ from kwtest.process import limit, wait_exit, wait_until
 from kwtest.syslog import ERR, NOTICE, WARNING
 
 OUTPUT = f"{PIPES}/web/web.out"
-GONE = (WARNING, f"'{OUTPUT}' file not found.\nLooks like the requester is no more present to receive the response back!")
+GONE = (WARNING, f"'{OUTPUT}' file not found.\n"
+                 "Looks like the requester is no more present to receive the response back!")
 STATUS = "tester\tweb\tconfig\tstatus"
 
 

@@ -220,13 +220,13 @@ class SecondInstance(Case):
 
     def test_a_lock_that_is_a_dangling_link_counts_as_taken(self):
         self.device.service("web")
-        os.symlink("/srv/work/elsewhere", self.device.host(LOCK))
+        os.symlink("/srv/scratch/elsewhere", self.device.host(LOCK))
         daemon = self.device.start(ready=False)
         self.assertEqual(daemon.wait_parent(), 13)
         self.assertEqual(self.device.log_lines(),
                          [(EMERG, "Stopping with the code 13 due to keywardd already running...")])
-        self.assertEqual(os.readlink(self.device.host(LOCK)), "/srv/work/elsewhere")
-        self.assertFalse(self.device.exists("/srv/work/elsewhere"))
+        self.assertEqual(os.readlink(self.device.host(LOCK)), "/srv/scratch/elsewhere")
+        self.assertFalse(self.device.exists("/srv/scratch/elsewhere"))
 
 
 class Surroundings(Case):
@@ -296,8 +296,9 @@ class Surroundings(Case):
 
     def test_a_daemon_whose_parent_is_process_1_does_not_fork(self):
         self.device.service("web")
-        script = f"{PROGRAM} -d 2> /srv/work/errors & wait $!; echo $? > /srv/work/status"
-        init = subprocess.Popen(["unshare", "--pid", "--fork", "chroot", self.device.root.path, "/bin/sh", "-c", script],
+        script = f"{PROGRAM} -d 2> /srv/scratch/errors & wait $!; echo $? > /srv/scratch/status"
+        shell = ["chroot", self.device.root.path, "/bin/sh", "-c", script]
+        init = subprocess.Popen(["unshare", "--pid", "--fork", *shell],
                                 env=self.device.environment())
         self.addCleanup(init.wait)
         self.addCleanup(init.kill)

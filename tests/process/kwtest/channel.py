@@ -78,10 +78,10 @@ class Channel:
     @contextlib.contextmanager
     def listening(self, mode=0o666):
         """An output fifo that is open for reading; removed afterwards."""
-        with contextlib.suppress(FileNotFoundError):
-            os.unlink(self.output)
-        os.mkfifo(self.output)
-        os.chmod(self.output, mode)
+        # In one step over what a predecessor may have left: the daemon never finds a half-made one, or none.
+        os.mkfifo(self.output + ".new")
+        os.chmod(self.output + ".new", mode)
+        os.rename(self.output + ".new", self.output)
         reader = os.open(self.output, os.O_RDONLY | os.O_NONBLOCK)
         try:
             yield reader

@@ -235,6 +235,25 @@ TEST_F(ServiceChannel, RequesterThatNeverReadsIsGivenUpAfterHalfAMinute) {
     EXPECT_FALSE(CapturedLog::contains(SeverityWarning, left()));
 }
 
+TEST_F(ServiceChannel, AnswerToARequesterThatDiedIsNotTheNextOnes) {
+    run();
+    for (const bool opensAtOnce : {true, false}) {
+        CapturedLog::clear();
+        requester().makeOutput();
+        std::thread answering([this] { service().sendResponse(0, "not for you"); });
+        std::this_thread::sleep_for(Milliseconds(50));
+        Requester next(id);
+        next.makeOutput();
+        if (!opensAtOnce)
+            std::this_thread::sleep_for(Milliseconds(100));
+        next.openOutput();
+        EXPECT_EQ(next.receive(Milliseconds(100)), "no answer");
+        answering.join();
+        EXPECT_TRUE(CapturedLog::contains(SeverityWarning, left()));
+        next.leave();
+    }
+}
+
 TEST_F(ServiceChannel, RequesterThatNeverReadsHoldsUpNobodyElse) {
     configure("server yes\nselfSignedGeneration yes");
     run();

@@ -1,5 +1,6 @@
 // Which request does what, and what it is answered.
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 
 #include "ServiceFixture.h"
@@ -305,6 +306,20 @@ TEST_P(ServiceStores, RevokingNothingTellsNobody) {
     EXPECT_EQ(askFor(target(), "revoke", {"00000000.0"}), "0 ");
     EXPECT_EQ(askFor(target(), "revoke", {""}), "0 ");
     EXPECT_EQ(events(), Words{});
+}
+
+TEST_P(ServiceStores, RevokingNothingIsNotEvenToldToALibrary) {
+    const std::string record = sandbox().path("library." + id);
+    ::setenv("CALLBACK_RECORD", record.c_str(), 1);
+    runWith("callbackLibrary " PLUGIN_RECORDER "\nca yes\ntrustedClients yes");
+    const auto [path, first] = certificateFile("first");
+    ASSERT_EQ(askFor(target(), "add", {path}), "0 " + first);
+    EXPECT_EQ(askFor(target(), "revoke", {"00000000.0"}), "0 ");
+    EXPECT_EQ(askFor(target(), "revoke", {first}), "0 " + first);
+    ::unsetenv("CALLBACK_RECORD");
+    EXPECT_EQ(Sandbox::read(record), id + ": create\n" + id + ": started\n" + id + ": newExternal " +
+                                         target() + " " + first + "\n" + id + ": revokedSeveral " + target() +
+                                         " " + first + "\n");
 }
 
 TEST_P(ServiceStores, FailuresToAddAreAnsweredWithTheirCodes) {

@@ -339,6 +339,27 @@ TEST_F(ServiceUnload, OwnerIsToldWhenTheHandlerIsStopped) {
     EXPECT_FALSE(service().isLoaded());
 }
 
+TEST_F(ServiceUnload, TimerThatANetworkChangeStartsMeanwhileIsStoppedToo) {
+    setNetwork("fqdn.0 old.example\n");
+    configure("server yes\nselfSignedGeneration yes\nincludeFQDN yes");
+    run();
+    setNetwork("fqdn.0 new.example\n");
+    Requester(id).makeOutput();
+    CapturedLog::clear();
+    // A requester that does not read keeps it for a second, after the timer was stopped.
+    std::thread unloading([this] { service().unload(); });
+    EXPECT_TRUE(becomes(
+        [this] { return CapturedLog::contains(SeverityInfo, "The service " + id + " stopped its timer."); }));
+    service().networkChanged();
+    EXPECT_TRUE(CapturedLog::contains(SeverityInfo, "The service " + id + " started his timer."));
+    unloading.join();
+    EXPECT_TRUE(CapturedLog::contains(SeverityNotice, "The service " + id + " is stopped."));
+    CapturedLog::clear();
+    service().stopTimer();
+    EXPECT_EQ(CapturedLog::lines(),
+              (Lines{{SeverityInfo, "The service " + id + " is stopping its timer..."}}));
+}
+
 TEST_F(ServiceUnload, UnloadedServiceIsLoadedAgain) {
     configure("server yes");
     run();

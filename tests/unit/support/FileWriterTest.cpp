@@ -183,13 +183,13 @@ TEST(FileWriter, IsNeverWiderThanItsFinalRights) {
                     tooWide = name + " was written too early";
             }
     });
-    for (int i = 0; i < 60; ++i)
+    for (int i = 0; i < 60 || (looks < 100 && i < 4000); ++i)
         FileWriter::write(sandbox.path("key"), std::string(20000, 'x'), attributes(0640, "adm"));
     done = true;
     watcher.join();
     ::umask(before);
     EXPECT_EQ(tooWide, "");
-    EXPECT_GT(looks, 100);
+    EXPECT_GE(looks, 100);
 }
 
 TEST(FileWriter, ReadersMeetOldOrNewButNothingBetween) {
