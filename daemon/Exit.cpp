@@ -1,6 +1,8 @@
 #include "daemon/Exit.h"
 
 #include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -24,12 +26,34 @@ namespace keywarden {
 
 namespace {
 
+// As system(3) does it, but with SIGINT and SIGQUIT left as they are: system ignores them meanwhile, and so
+// throws away the one that asks the daemon to stop.
+bool runCommand(std::string command) {
+    posix_spawnattr_t attributes;
+    ::posix_spawnattr_init(&attributes);
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::posix_spawnattr_setsigmask(&attributes, &none);
+    ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+    std::string shell = "sh";
+    std::string option = "-c";
+    const std::array<char*, 4> arguments{shell.data(), option.data(), command.data(), nullptr};
+    pid_t pid = -1;
+    errno = ::posix_spawn(&pid, "/bin/sh", nullptr, &attributes, arguments.data(), environ);
+    ::posix_spawnattr_destroy(&attributes);
+    if (pid < 0)
+        return false;
+    while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    return true;
+}
+
 // A shell command with the process id, as the platform's readiness convention wants it.
 bool runForPid(const char* format) {
     std::array<char, 32> command{};
     // The longest id fits.
     static_cast<void>(std::snprintf(command.data(), command.size(), format, static_cast<int>(::getpid())));
-    return std::system(command.data()) != -1;
+    return runCommand(command.data());
 }
 
 void removeInstanceFiles() {

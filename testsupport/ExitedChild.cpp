@@ -133,7 +133,7 @@ ExitedChild runToExit(const std::function<void()>& body) {
     Pipe log = makePipe();
     Pipe standardError = makePipe();
     std::cout.flush();
-    std::fflush(nullptr);
+    static_cast<void>(std::fflush(nullptr));
     const pid_t child = ::fork();
     if (child < 0)
         throw std::runtime_error("no child");

@@ -200,8 +200,6 @@ class Device:
         """What the daemon is started with; nothing of the caller's own."""
         # A cancelled thread unwinds without telling the address sanitizer, whose own clean-up of an alternative
         # signal stack then trips over the marks of frames that are gone.
-        # The leak check looks through /proc, which a chroot of copied files lacks; everywhere else it is on.
-        leaks = int(os.path.exists(self.host("/proc/self")))
         environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LANG": "C",
                        "ASAN_OPTIONS": f"log_path={REPORTS}/asan:exitcode=66:detect_leaks=1:use_sigaltstack=0",
                        "UBSAN_OPTIONS": f"log_path={REPORTS}/ubsan:print_stacktrace=1:exitcode=66",

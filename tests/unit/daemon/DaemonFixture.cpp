@@ -46,7 +46,7 @@ std::string rightsOf(const std::string& path) {
     const passwd* const user = ::getpwuid(info.st_uid);
     const group* const group = ::getgrgid(info.st_gid);
     std::array<char, 8> mode{};
-    std::snprintf(mode.data(), mode.size(), "%04o", info.st_mode & 07777U);
+    static_cast<void>(std::snprintf(mode.data(), mode.size(), "%04o", info.st_mode & 07777U));
     return std::string(mode.data()) + " " + (user != nullptr ? user->pw_name : "?") + " " +
            (group != nullptr ? group->gr_name : "?");
 }
@@ -67,7 +67,7 @@ Lines linesStarting(const std::vector<std::string>& starts) {
 void DaemonTest::SetUp() {
     REQUIRE_TEST_ACCOUNTS();
     ::umask(0);
-    ::signal(SIGPIPE, SIG_IGN);
+    static_cast<void>(::signal(SIGPIPE, SIG_IGN));
     TestClock::set(kNow);
     configureDaemon("root", TestAccounts::kManagementGroup);
     std::filesystem::create_directories(pipes());

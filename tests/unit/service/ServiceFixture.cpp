@@ -136,7 +136,7 @@ std::string rightsOf(const std::string& path) {
         return "missing";
     const group* const entry = ::getgrgid(info.st_gid);
     std::array<char, 8> mode{};
-    std::snprintf(mode.data(), mode.size(), "%04o", info.st_mode & 07777U);
+    static_cast<void>(std::snprintf(mode.data(), mode.size(), "%04o", info.st_mode & 07777U));
     return std::string(mode.data()) + " " + (entry != nullptr ? entry->gr_name : "?");
 }
 
@@ -177,7 +177,7 @@ ServiceTest::ServiceTest() {
 void ServiceTest::SetUp() {
     REQUIRE_TEST_ACCOUNTS();
     ::umask(0);
-    ::signal(SIGPIPE, SIG_IGN);
+    static_cast<void>(::signal(SIGPIPE, SIG_IGN));
     TestClock::set(kNow);
     setNetwork("");
     CapturedLog::clear();
