@@ -43,9 +43,11 @@ bool runCommand(std::string command) {
     ::posix_spawnattr_destroy(&attributes);
     if (pid < 0)
         return false;
-    while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
-    }
-    return true;
+    pid_t ended = -1;
+    do
+        ended = ::waitpid(pid, nullptr, 0);
+    while (ended < 0 && errno == EINTR);
+    return ended == pid;
 }
 
 // A shell command with the process id, as the platform's readiness convention wants it.

@@ -124,7 +124,7 @@ TEST_F(Background, ParentLeavesTheLockAndItsFiles) {
 
 TEST_F(Background, TerminalSignalsAreIgnored) {
     const ExitedChild end = runToExit([] {
-        ::signal(SIGCHLD, SIG_IGN);
+        static_cast<void>(::signal(SIGCHLD, SIG_IGN));
         daemonize();
         for (const int signal : {SIGTSTP, SIGTTOU, SIGTTIN, SIGHUP, SIGCHLD}) {
             struct sigaction action {};

@@ -91,6 +91,7 @@ TEST_F(Exit, FilesThatCannotBeRemovedAreReported) {
 TEST_F(Exit, OnlyTheFirstOfManyCallersProceeds) {
     const ExitedChild end = runToExit([] {
         std::vector<std::thread> threads;
+        threads.reserve(8);
         for (int i = 0; i < 8; ++i)
             threads.emplace_back([i] { exitDaemon(20 + i, "caller " + std::to_string(i), true); });
         for (std::thread& thread : threads)
@@ -124,7 +125,7 @@ TEST_F(Exit, ReadinessMarkerComesAndGoes) {
 TEST_F(Exit, MarkerThatCannotBeMadeIsLogged) {
     const ExitedChild end = runToExit([] {
         // Where the kernel reaps children by itself, no shell's end can be waited for.
-        ::signal(SIGCHLD, SIG_IGN);
+        static_cast<void>(::signal(SIGCHLD, SIG_IGN));
         keywarden::ready();
         keywarden::unready();
     });

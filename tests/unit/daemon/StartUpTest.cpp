@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <iostream>
 #include <sstream>
 #include <stdexcept>
 
@@ -83,6 +84,7 @@ TEST_F(Options, OnlyTheSingleOptionSwitchesTheTracesOn) {
     const auto started = [](std::vector<std::string> arguments) {
         return testsupport::standardErrorOf([&arguments] {
             std::vector<char*> pointers;
+            pointers.reserve(arguments.size() + 1);
             for (std::string& argument : arguments)
                 pointers.push_back(argument.data());
             pointers.push_back(nullptr);
@@ -101,7 +103,7 @@ using Process = DaemonTest;
 
 TEST_F(Process, StopsWaitAndBrokenPipesAreErrors) {
     EXPECT_EQ(inChild([] {
-                  ::signal(SIGPIPE, SIG_DFL);
+                  static_cast<void>(::signal(SIGPIPE, SIG_DFL));
                   keywarden::prepareProcess();
                   sigset_t blocked;
                   ::sigprocmask(SIG_BLOCK, nullptr, &blocked);
@@ -389,7 +391,7 @@ TEST_F(Identity, ProcessThatIsNotRootStaysWhoItIs) {
     const ExitedChild end = runToExit([] {
         becomeNobodyForGood();
         // The pid file cannot be given to root by it.
-        std::fputs(failureOf([] { keywarden::initDaemon(); }).c_str(), stderr);
+        std::cerr << failureOf([] { keywarden::initDaemon(); });
     });
     ::chmod(sandbox().path().c_str(), 0755);
     EXPECT_THAT(end.standardError, AllOf(HasSubstr("Impossible to change the user for " + pidFile()),

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstring>
 #include <filesystem>
 #include <random>
 #include <thread>
@@ -335,7 +334,7 @@ TEST_F(ServiceChannel, FolderOrSocketInThePlaceOfTheOutputIsGivenUpAtOnce) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     ASSERT_LT(requester().output().size(), sizeof address.sun_path);
-    std::strcpy(address.sun_path, requester().output().c_str());
+    requester().output().copy(address.sun_path, sizeof address.sun_path - 1);
     ASSERT_EQ(::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     service().sendResponse(0, "text");
     EXPECT_TRUE(isSoon(start));
@@ -469,6 +468,7 @@ TEST_F(ServiceChannel, RequestersThatTakeTurnsByTheLockAreAllServed) {
     run();
     std::atomic<int> good{0};
     std::vector<std::thread> requesters;
+    requesters.reserve(4);
     for (int thread = 0; thread < 4; ++thread)
         requesters.emplace_back([this, thread, &good] {
             for (int i = 0; i < 60; ++i) {
@@ -497,7 +497,7 @@ TEST_F(ServiceChannel, ThousandStopsAtRandomMoments) {
             std::this_thread::sleep_for(std::chrono::microseconds(50));
         }
     });
-    std::mt19937 random(99);
+    std::mt19937 random(99);  // NOLINT(cert-msc32-c,cert-msc51-cpp): the same moments in every run
     std::uniform_int_distribution<int> pause(0, 400);
     const auto start = Clock::now();
     for (int i = 0; i < 1000; ++i) {

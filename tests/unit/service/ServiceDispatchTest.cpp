@@ -353,15 +353,15 @@ INSTANTIATE_TEST_SUITE_P(Both, ServiceStores, testing::Values("ca", "client"),
 TEST_F(ServiceDispatch, EveryKindOfFailureHasItsText) {
     configureThrowingOwner("ca yes");
     run();
-    const auto [path, certificateId] = certificateFile("first");
+    const auto file = certificateFile("first");
     const std::string of = " during user request process for service '" + id + "'";
-    const auto answerTo = [&, &source = path](const std::string& kind, const std::string& text) {
+    const auto answerTo = [&](const std::string& kind, const std::string& text) {
         ownerThrows("newExternal", kind, text);
         CapturedLog::clear();
-        const std::string answer = askFor("ca", "add", {source});
+        std::string answer = askFor("ca", "add", {file.first});
         const std::string logged = answer.substr(answer.find(' ') + 1);
         EXPECT_EQ(CapturedLog::lines(), (Lines{{SeverityError, logged}}));
-        askFor("ca", "revoke", {certificateId});
+        askFor("ca", "revoke", {file.second});
         return answer;
     };
     EXPECT_EQ(answerTo("daemon", "no room"), "1 Daemon exception" + of + ": no room");

@@ -41,7 +41,7 @@ std::string Requester::ask(const std::string& line, std::chrono::milliseconds ti
     openOutput();
     if (!send(line))
         return "nobody reads";
-    const std::string answer = receive(time);
+    std::string answer = receive(time);
     leave();
     return answer;
 }

@@ -204,7 +204,7 @@ class ServiceOfAPoorUser : public ServiceTest {
         const std::string all = TestDevice::get().pipesDirectory();
         const mode_t before = Sandbox::mode(all);
         ::chmod(all.c_str(), 0777);
-        const std::string report = inChild([&] {
+        std::string report = inChild([&] {
             // For good: access(2) and the limit of threads look at the real user.
             if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(*nobody, *nobody, *nobody) != 0)
                 throw std::runtime_error("cannot become nobody");

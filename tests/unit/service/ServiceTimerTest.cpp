@@ -19,7 +19,7 @@ namespace {
 constexpr std::int64_t kMidnight = 1718409600;  // 2024-06-15 00:00:00 UTC
 
 constexpr std::int64_t at(int hour, int minute, int second) {
-    return kMidnight + hour * 3600 + minute * 60 + second;
+    return kMidnight + hour * INT64_C(3600) + minute * INT64_C(60) + second;
 }
 
 }  // namespace
@@ -130,7 +130,7 @@ TEST_F(ServiceTimer, ThousandStopsAtRandomMoments) {
     start();
     // The check is always due in a second, so that some stops meet a check.
     TestClock::set(at(23, 59, 59));
-    std::mt19937 random(2024);
+    std::mt19937 random(2024);  // NOLINT(cert-msc32-c,cert-msc51-cpp): the same moments in every run
     std::uniform_int_distribution<int> pause(0, 500);
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < 1000; ++i) {

@@ -245,7 +245,7 @@ void* workAndSleep(void* argument) {
 
 TEST(Cancellation, ThreeThousandStopsAtRandomMoments) {
     Worker worker;
-    std::mt19937 random(4711);
+    std::mt19937 random(4711);  // NOLINT(cert-msc32-c,cert-msc51-cpp): the same moments in every run
     std::uniform_int_distribution<int> pause(0, 400);
     Milliseconds worst(0);
     for (int i = 0; i < 3000; ++i) {

@@ -101,7 +101,7 @@ TEST(Exec, ReadsNothingWithoutAText) {
 
 TEST(Exec, TextThatTheProgramDoesNotReadHoldsUpNobody) {
     const auto start = std::chrono::steady_clock::now();
-    Exec run(shell("exit 4"), std::string(10000000, 'x'), 20);
+    Exec run(shell("exit 4"), std::string(8000000, 'x'), 20);
     EXPECT_EQ(run.failureText(), "exit status 4");
     EXPECT_LT(elapsed(start), Milliseconds(5000));
 }
@@ -193,6 +193,7 @@ TEST(Exec, AMebibyteIsWhole) {
 
 TEST(Exec, LeaksNoDescriptorIntoThePrograms) {
     std::vector<UniqueFd> open;
+    open.reserve(40);
     for (int i = 0; i < 40; ++i)
         open.emplace_back(::open("/dev/null", O_RDONLY));  // not close-on-exec, on purpose
     Exec run({"/bin/ls", "/proc/self/fd"}, "some input", kNoTimeOut);
@@ -201,10 +202,10 @@ TEST(Exec, LeaksNoDescriptorIntoThePrograms) {
 
 TEST(Exec, KeepsNoDescriptorOpen) {
     failureOf([] { Exec({"/nonexistent/program"}, kNoTimeOut); });  // what is opened once for all
-    Exec(shell("exit 0"), kNoTimeOut);
+    const Exec warmUp(shell("exit 0"), kNoTimeOut);
     const std::size_t before = openDescriptors();
     for (int i = 0; i < 5; ++i) {
-        Exec(shell("exit 0"), "input", kNoTimeOut);
+        const Exec run(shell("exit 0"), "input", kNoTimeOut);
         failureOf([] { Exec({"/nonexistent/program"}, "input", kNoTimeOut); });
     }
     failureOf([] { Exec(shell("sleep 300"), 1); });
@@ -217,7 +218,7 @@ TEST(Exec, ProgramHasPlainSignals) {
         ::sigfillset(&blocked);
         ::pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
         for (const int ignored : {SIGPIPE, SIGHUP, SIGTSTP, SIGUSR1})
-            ::signal(ignored, SIG_IGN);
+            static_cast<void>(::signal(ignored, SIG_IGN));
         return Exec({"/bin/cat", "/proc/self/status"}, kNoTimeOut).standardOutput().str();
     });
     EXPECT_NE(status.find("\nSigBlk:\t0000000000000000\n"), std::string::npos) << status;
@@ -236,7 +237,7 @@ TEST(Exec, ProgramHasAGroupOfItsOwn) {
 
 TEST(Exec, EndsWhereTheKernelReapsChildrenByItself) {
     const std::string output = inChild([] {
-        ::signal(SIGCHLD, SIG_IGN);
+        static_cast<void>(::signal(SIGCHLD, SIG_IGN));
         Exec run(shell("echo done; exit 3"), 20);
         return run.standardOutput().str() + run.failureText();
     });
@@ -325,7 +326,7 @@ TEST(ExecAtAStop, TimeOutWithinTheGraceIsATimeOut) {
             std::this_thread::sleep_for(Milliseconds(900));
             StopRequest::raise();
         });
-        const std::string text = failureOf([] { Exec(shell("sleep 300"), 1); });
+        std::string text = failureOf([] { Exec(shell("sleep 300"), 1); });
         stopper.join();
         return text;
     });

@@ -261,7 +261,7 @@ TEST(FileWriter, FolderThatMayBeWrittenButNotListedIsWritten) {
 
 // A file system that is full and a write that ends half-way look the same to the writer.
 std::string writeTooMuch(const std::string& path) {
-    ::signal(SIGXFSZ, SIG_IGN);
+    static_cast<void>(::signal(SIGXFSZ, SIG_IGN));
     const rlimit limit{1000, 1000};
     ::setrlimit(RLIMIT_FSIZE, &limit);
     return failureOf([&path] { FileWriter::write(path, std::string(5000, 'x'), attributes(0644)); });
@@ -431,7 +431,7 @@ TEST(FileWriter, FileThatCouldNotBeStagedIsNotCommittedWithTheOthers) {
     const Sandbox sandbox;
     sandbox.write("big", "old");
     const std::string failure = inChild([&sandbox] {
-        ::signal(SIGXFSZ, SIG_IGN);
+        static_cast<void>(::signal(SIGXFSZ, SIG_IGN));
         const rlimit limit{1000, 1000};
         ::setrlimit(RLIMIT_FSIZE, &limit);
         FileWriter writer;

@@ -67,7 +67,7 @@ TEST(StopRequest, BlockedAndPendingSignalIsAStop) {
                       int taken = 0;
                       ::sigwait(&set, &taken);
                       const std::string afterwards = state();
-                      return before + ", " + after + ", " + afterwards;
+                      return std::string(before).append(", ").append(after).append(", ").append(afterwards);
                   }),
                   "quiet, raised told pending, raised told")
             << signal;
