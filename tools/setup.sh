@@ -6,7 +6,7 @@ set -eu
 
 packages_of() {
     case $1 in
-        build) echo g++ cmake ninja-build libssl-dev libcxxtools-dev pkg-config ccache ;;
+        build) echo g++ cmake ninja-build libssl-dev libcxxtools-dev libcli11-dev pkg-config ccache ;;
         demo) echo iproute2 nginx-light openssl util-linux python3 busybox-static hostname ;;
         test)
             echo libgtest-dev libgmock-dev libbenchmark-dev python3 python3-cryptography faketime iproute2 \
