@@ -10,4 +10,8 @@ else()
   add_compile_options($<$<CONFIG:Release>:-D_FORTIFY_SOURCE=2>)
   add_link_options(-Wl,-z,relro,-z,now)
 endif()
+if(KEYWARD_FUZZ)
+  # The programs under fuzz/ link libFuzzer itself; everything is compiled for its coverage counters.
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)

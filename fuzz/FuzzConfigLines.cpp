@@ -1,0 +1,54 @@
+// Configuration text in each of its readers: daemon, service, request settings.
+#include <sstream>
+#include <stdexcept>
+
+#include "config/ConfigValues.h"
+#include "daemon/DaemonConfiguration.h"
+#include "fuzz/Fuzz.h"
+#include "support/Tools.h"
+
+using keywarden::ConfigValues;
+using keywarden::DaemonConfiguration;
+using keywarden::Tools;
+
+namespace {
+
+void readNumbers(const ConfigValues& values, const std::string& key) {
+    const std::int32_t positive = values.positiveNumber(key, 30);
+    fuzz::require(positive >= 1, "a positive number is positive");
+    try {
+        (void)values.number(key);
+        (void)values.shortNumber(key);
+    } catch (const std::logic_error&) {
+        // no number, or one that does not fit
+    }
+}
+
+void readDaemonFile(const std::string& text) {
+    try {
+        const DaemonConfiguration configuration(fuzz::fileWith(text));
+        fuzz::require(!configuration.getDaemonUser().empty(), "a configuration that stands has a user");
+    } catch (const std::exception& refused) {
+        fuzz::require(*refused.what() != '\0', "a refusal has a text");
+    }
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string text = fuzz::textOf(data, size);
+    const std::string cleaned = Tools::cleanConfigLine(text);
+    fuzz::require(Tools::cleanConfigLine(cleaned) == cleaned, "a clean line stays as it is");
+    (void)Tools::getKeyAndValue(text);
+
+    std::istringstream daemonText(text);
+    std::istringstream serviceText(text);
+    std::istringstream settingsText(text);
+    (void)Tools::getMapKeyValue(settingsText);
+    (void)Tools::getConfigMap(daemonText);
+    const ConfigValues values(Tools::getConfigFileMap(serviceText));
+    for (const auto* key : {"certDailyExpiryChkTimeOffsetSecs", "selfSignedValidity", "maximumCA"})
+        readNumbers(values, key);
+    readDaemonFile(text);
+    return 0;
+}
