@@ -2,11 +2,37 @@
 
 #include <CLI/CLI.hpp>
 
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "check/Checker.h"
+
 namespace keywardctl {
 
+namespace {
+
+struct Options {
+    std::vector<std::string> services;
+    bool json = false;
+};
+
+ExitCode runCheck(const Options& options) {
+    const check::Report report = check::checkDevice(options.services);
+    std::cout << (options.json ? reportJson(report) : reportText(report)) << std::flush;
+    return report.isEmpty() && std::cout ? ExitCode::Done : ExitCode::Failed;
+}
+
+}  // namespace
+
 void addCheckCommand(CLI::App& app, ExitCode& result) {
-    app.add_subcommand("check", "Read the configuration as the daemon would and name what would not work")
-        ->callback([&result] { result = ExitCode::Failed; });
+    const auto options = std::make_shared<Options>();
+    CLI::App* const command = app.add_subcommand(
+        "check", "Read the configuration as the daemon would and name what would not work");
+    command->add_option("SERVICE", options->services, "Look at these services only; without one, at all");
+    command->add_flag("--json", options->json, "Print the findings as JSON");
+    command->callback([options, &result] { result = runCheck(*options); });
 }
 
 }  // namespace keywardctl

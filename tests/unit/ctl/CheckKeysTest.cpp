@@ -1,0 +1,310 @@
+// Lines that the daemon reads otherwise than they look, and values that it takes otherwise.
+#include <gmock/gmock.h>
+
+#include <random>
+#include <sstream>
+
+#include "CheckedDevice.h"
+#include "check/ConfigLines.h"
+#include "check/KeyTables.h"
+#include "check/Rules.h"
+#include "support/Tools.h"
+
+using keywardctl::check::ConfigLines;
+using keywardctl::check::Dialect;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+class CheckKeys : public testing::Test {
+  protected:
+    void SetUp() override { REQUIRE_CHECKED_DEVICES(); }
+
+    /// What a line after the last one of the service's file is told.
+    std::vector<std::string> withServiceLine(const std::string& line) {
+        device.append("services/web.conf", line);
+        return device.check();
+    }
+
+    CheckedDevice device;
+};
+
+const std::string kLine7 = "~/services/web.conf:7: ";
+
+std::string randomText(std::mt19937& random) {
+    static const std::string kLetters = "  \t\t##==ab.\r\n\n";
+    std::string text;
+    for (auto left = random() % 24U; left > 0; --left)
+        text += kLetters[random() % kLetters.size()];
+    return text;
+}
+
+}  // namespace
+
+TEST_F(CheckKeys, AProperDeviceYieldsNothing) {
+    EXPECT_THAT(device.check(), IsEmpty());
+    EXPECT_EQ(device.on([] { return reportText(keywardctl::check::Report()); }), "Nothing found.\n");
+}
+
+TEST_F(CheckKeys, AMisspeltKeyIsToldWithTheNearestOne) {
+    device.append("services/web.conf", "selfSignedValidty 90");
+    device.append("config.daemon", "TimeDriftsleepTime 5");
+    device.append("web.cnf", "subjectAltName DNS:a");
+    EXPECT_THAT(
+        device.check(),
+        ElementsAre("~/config.daemon:9: error: 'TimeDriftsleepTime' is no key of this file and is ignored "
+                    "[unknown-key]",
+                    kLine7 + "error: 'selfSignedValidty' is no key of this file and is ignored [unknown-key]",
+                    "~/web.cnf:9: error: 'subjectAltName' is no key of this file and is ignored "
+                    "[unknown-key]"));
+}
+
+TEST(CheckKeyTables, TheNearestKeyIsFoundAndAFarOneIsNone) {
+    using keywardctl::check::nearestKey;
+    const auto& keys = keywardctl::check::serviceKeys();
+    EXPECT_EQ(nearestKey(keys, "managementGroup"), "managmentGroup");
+    EXPECT_EQ(nearestKey(keys, "SERVER"), "server");
+    EXPECT_EQ(nearestKey(keys, "includeIpv4.12"), "includeIPv4.12");
+    EXPECT_EQ(nearestKey(keys, "includeIPv4"), "includeIPv4.0");
+    EXPECT_EQ(nearestKey(keys, "certificate"), "");
+    EXPECT_EQ(nearestKey(keywardctl::check::settingsKeys(), "X"), "");
+    EXPECT_EQ(nearestKey(keywardctl::check::settingsKeys(), "cn"), "CN");
+    EXPECT_EQ(keywardctl::check::findKey(keys, "networkInterface.01"), nullptr);
+    EXPECT_NE(keywardctl::check::findKey(keys, "networkInterface.10"), nullptr);
+}
+
+TEST_F(CheckKeys, OfARepeatedKeyTheFirstCounts) {
+    EXPECT_THAT(
+        withServiceLine("keyGroup other"),
+        ElementsAre(kLine7 + "warning: 'keyGroup' is given again; the one in line 2 counts [repeated-key]"));
+}
+
+TEST_F(CheckKeys, ATabIsNoSpace) {
+    device.append("services/web.conf", "name\tWeb server");
+    EXPECT_THAT(
+        withServiceLine("includeFQDN\tyes"),
+        ElementsAre(kLine7 + "error: a tab follows 'name', so that the line does not set it [tab-for-space]",
+                    "~/services/web.conf:8: error: a tab follows 'includeFQDN', so that the line does not "
+                    "set it [tab-for-space]"));
+}
+
+TEST_F(CheckKeys, AnEqualsSignIsToldInEveryPlace) {
+    device.append("web.cnf", "emailAddress=a@b.example");
+    device.append("web.cnf", "keyUsage = digitalSignature");
+    EXPECT_THAT(
+        device.check(),
+        testing::IsSupersetOf({"~/web.cnf:9: error: an equals sign follows 'emailAddress', so that the line "
+                               "does not set what it seems to [equals-sign]",
+                               "~/web.cnf:10: error: an equals sign follows 'keyUsage', so that the line "
+                               "does not set what it seems to [equals-sign]"}));
+}
+
+TEST_F(CheckKeys, AKeyWithoutAValueIsIgnored) {
+    EXPECT_THAT(withServiceLine("callbackLibrary "),
+                ElementsAre(kLine7 + "warning: 'callbackLibrary' has no value, so that the line is ignored "
+                                     "[key-without-value]"));
+}
+
+TEST_F(CheckKeys, AnIndentedLineWithACommentSetsNothing) {
+    EXPECT_THAT(
+        withServiceLine("  includeFQDN yes # names too"),
+        ElementsAre(kLine7 + "error: the line sets nothing: it is indented and has a comment, so that its "
+                             "key is empty [empty-key]"));
+}
+
+TEST_F(CheckKeys, AnIndentedLineOfSettingsMayHaveAComment) {
+    device.setLine("web.cnf", 5, "  O Acme # the company");
+    EXPECT_THAT(device.check(), IsEmpty());
+}
+
+TEST_F(CheckKeys, CommentsWithBlanksAroundTheirSignAreFine) {
+    device.append("services/web.conf", "# a comment");
+    device.append("services/web.conf", "   # an indented one");
+    EXPECT_THAT(withServiceLine("includeFQDN no # not now"), IsEmpty());
+}
+
+TEST_F(CheckKeys, ASignInsideAValueCutsIt) {
+    device.setLine("web.cnf", 5, "O Acme#1");
+    EXPECT_THAT(withServiceLine("name Web #1"),
+                ElementsAre(kLine7 + "warning: the value ends before the '#': 'Web' [hash-in-value]",
+                            "~/web.cnf:5: warning: the value ends before the '#': 'Acme' [hash-in-value]"));
+}
+
+TEST_F(CheckKeys, ACarriageReturnIsToldOnceAFile) {
+    device.append("services/web.conf", "includeFQDN yes\r");
+    EXPECT_THAT(
+        withServiceLine("ca yes\r"),
+        ElementsAre(kLine7 + "error: the line ends in a carriage return, which becomes a part of its value "
+                             "[carriage-return]"));
+}
+
+TEST_F(CheckKeys, ASwitchThatIsNotExactlyYesIsOff) {
+    device.append("services/web.conf", "includeFQDN Yes");
+    device.append("services/web.conf", "ca true");
+    device.append("services/web.conf", "trustedClients no");
+    EXPECT_THAT(
+        withServiceLine("opensslEngine yes please"),
+        ElementsAre(kLine7 + "error: 'includeFQDN' is off: 'Yes' is not 'yes' [not-yes]",
+                    "~/services/web.conf:8: error: 'ca' is off: 'true' is not 'yes' [not-yes]",
+                    "~/services/web.conf:10: error: 'opensslEngine' is off: 'yes please' is not 'yes' "
+                    "[not-yes]"));
+}
+
+TEST_F(CheckKeys, NumbersThatStopTheServiceAreTold) {
+    device.append("services/web.conf", "CertDailyExpiryChkTimeOffsetSecs 86400");
+    device.append("services/web.conf", "ca yes");
+    device.append("services/web.conf", "maximumCA many");
+    device.append("services/web.conf", "trustedClients yes");
+    device.append("services/web.conf", "maximumTrustedClients 65536");
+    device.append("services/web.conf", "selfSignedValidityOffset 30");
+    EXPECT_THAT(
+        device.check(),
+        ElementsAre(
+            kLine7 + "error: 'CertDailyExpiryChkTimeOffsetSecs' is not from 0 to 86399: '86400' "
+                     "[out-of-range]",
+            "~/services/web.conf:9: error: 'maximumCA' is no number: 'many' [not-a-number]",
+            "~/services/web.conf:11: error: 'maximumTrustedClients' is not from 0 to 65535: '65536' "
+            "[out-of-range]",
+            "~/services/web.conf:12: error: 'selfSignedValidityOffset' is not less than the validity: 30 of "
+            "30 days [out-of-range]"));
+}
+
+TEST_F(CheckKeys, AValidityBeyondAllCertificatesIsTold) {
+    device.setClock(1800000000);
+    EXPECT_THAT(withServiceLine("selfSignedValidity 3000000"),
+                ElementsAre(kLine7 + "error: 'selfSignedValidity' reaches beyond the year 9999: 3000000 days "
+                                     "[out-of-range]"));
+}
+
+TEST_F(CheckKeys, NumbersThatArePassedOverAreTold) {
+    device.append("services/web.conf", "selfSignedValidity 0");
+    device.append("services/web.conf", "CASignedValidityOffset -3");
+    EXPECT_THAT(
+        device.check(),
+        ElementsAre(kLine7 + "error: 'selfSignedValidity' is not at least 1: '0' is ignored and 30 counts "
+                             "[ignored-number]",
+                    "~/services/web.conf:8: error: 'CASignedValidityOffset' is not at least 0: '-3' is "
+                    "ignored and 0 counts [ignored-number]"));
+}
+
+TEST_F(CheckKeys, TextAfterANumberIsTold) {
+    device.append("config.daemon", "minDateForGeneratingCert 5s");
+    EXPECT_THAT(
+        withServiceLine("selfSignedValidity 90 days"),
+        ElementsAre("~/config.daemon:9: warning: 'minDateForGeneratingCert' is read as 5: what follows the "
+                    "number in '5s' is ignored [text-after-number]",
+                    kLine7 + "warning: 'selfSignedValidity' is read as 90: what follows the number in "
+                             "'90 days' is ignored [text-after-number]"));
+}
+
+TEST_F(CheckKeys, AClientsLimitCountsOnlyBesideTheOneForCAs) {
+    device.append("services/web.conf", "trustedClients yes");
+    device.append("services/web.conf", "maximumTrustedClients 7");
+    EXPECT_THAT(
+        device.check(),
+        ElementsAre("~/services/web.conf:8: error: 'maximumTrustedClients' counts only beside 'maximumCA': "
+                    "the store takes any number of certificates [clients-limit-ignored]"));
+    device.append("services/web.conf", "maximumCA 0");
+    EXPECT_THAT(device.check(), IsEmpty());
+}
+
+TEST_F(CheckKeys, KeysOfWhatIsSwitchedOffHaveNoEffect) {
+    device.append("services/web.conf", "uniqueCaByCn yes");
+    device.append("services/web.conf", "CAServiceId pkiroot");
+    EXPECT_THAT(
+        device.check(),
+        ElementsAre(kLine7 + "warning: 'uniqueCaByCn' has no effect without 'ca yes' [without-effect]",
+                    "~/services/web.conf:8: warning: 'CAServiceId' has no effect without "
+                    "'CASignedGeneration yes' [without-effect]"));
+}
+
+TEST_F(CheckKeys, ARelativePathIsTold) {
+    device.setLine("services/web.conf", 3, "callbackScript bin/true");
+    EXPECT_THAT(
+        device.check(),
+        testing::Contains("~/services/web.conf:3: warning: 'callbackScript' is relative to whatever folder "
+                          "the daemon is started in: 'bin/true' [relative-path]"));
+}
+
+TEST_F(CheckKeys, TheDaemonsNumbersAreRead) {
+    device.append("config.daemon", "minDateForGeneratingCert soon");
+    device.append("config.daemon", "TimeDriftSleepTime 99999999999");
+    device.append("config.daemon", "TimeDriftThresholdValue -1");
+    EXPECT_THAT(
+        device.check(),
+        ElementsAre(
+            "~/config.daemon:9: error: 'minDateForGeneratingCert' is no number: 'soon' [not-a-number]",
+            "~/config.daemon:10: error: 'TimeDriftSleepTime' is too large: '99999999999' [out-of-range]",
+            "~/config.daemon:10: warning: 'TimeDriftSleepTime' has no effect: without "
+            "'TimeDriftThresholdValue', "
+            "or with 0, nobody watches the clock and the network [monitor-off]",
+            "~/config.daemon:11: error: 'TimeDriftThresholdValue' is negative: '-1' [out-of-range]",
+            "~/services: note: this could not be looked at: the daemon refuses its own file "
+            "[not-looked-at]"));
+}
+
+TEST_F(CheckKeys, MissingKeysOfTheDaemonAreToldAndTheServicesNotLookedAt) {
+    device.setLine("config.daemon", 8, "pidfile ~/run/keywardd.pid");
+    EXPECT_THAT(
+        device.check(),
+        ElementsAre("~/config.daemon: error: 'pidFile' is missing [missing-key]",
+                    "~/config.daemon:8: error: 'pidfile' is no key of this file and is ignored [unknown-key]",
+                    "~/services: note: this could not be looked at: the daemon refuses its own file "
+                    "[not-looked-at]"));
+}
+
+TEST_F(CheckKeys, WithoutADaemonFileNothingElseIsLookedAt) {
+    device.remove("config.daemon");
+    EXPECT_THAT(device.check(),
+                ElementsAre("~/config.daemon: error: Impossible to read the file '~/config.daemon': "
+                            "No such file or directory [no-daemon-file]"));
+}
+
+TEST_F(CheckKeys, WhatOnlyTheDaemonRefusesIsToldInItsWords) {
+    using namespace keywardctl::check;
+    const auto refused = [](bool ofService) {
+        Report report;
+        const CheckedFile file(ConfigLines(CheckedDevice::root() + "/nowhere", "", Dialect::Configuration));
+        if (ofService)
+            checkServiceRefusal({"nobody", file}, report);
+        else if (checkDaemonRefusal(file, report))
+            return std::string("accepted");
+        return reportText(report);
+    };
+    EXPECT_THAT(
+        findingLines(device.on([&] { return refused(true); })),
+        ElementsAre("~/nowhere: error: the daemon refuses the file: No configuration file for the service "
+                    "nobody [service-refused]"));
+    EXPECT_THAT(
+        findingLines(device.on([&] { return refused(false); })),
+        ElementsAre("~/nowhere: error: the daemon refuses the file: Failed to open configuration file : "
+                    "~/nowhere [daemon-refused]"));
+}
+
+TEST(CheckLines, TheRawReaderAgreesWithTheDaemonsOnEveryFile) {
+    std::mt19937 random(7);  // NOLINT(cert-msc51-cpp): the same files at every run
+    std::size_t keys = 0;
+    for (int round = 0; round < 20000; ++round) {
+        const std::string text = randomText(random);
+        std::istringstream configuration(text);
+        std::istringstream settings(text);
+        const auto expected = keywarden::Tools::getConfigFileMap(configuration);
+        keys += expected.size();
+        ASSERT_EQ(ConfigLines("f", text, Dialect::Configuration).values(), expected)
+            << testing::PrintToString(text);
+        ASSERT_EQ(ConfigLines("f", text, Dialect::Settings).values(),
+                  keywarden::Tools::getConfigMap(settings))
+            << testing::PrintToString(text);
+    }
+    EXPECT_GT(keys, 5000U);
+}
+
+TEST(CheckLines, ALineKnowsItsNumberAndTheFirstOfAKeyCounts) {
+    const ConfigLines lines("f", "# x\n\na 1\na 2\nb\n", Dialect::Configuration);
+    EXPECT_EQ(lines.lineOf("a"), 3U);
+    EXPECT_EQ(lines.lineOf("b"), 0U);
+    EXPECT_EQ(lines.values().at("a"), "1");
+    EXPECT_EQ(lines.lines().size(), 5U);
+    EXPECT_EQ(keywardctl::check::bodyOf(" \ta b \r# c"), "a b");
+}
