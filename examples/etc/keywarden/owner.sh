@@ -46,6 +46,10 @@ umask 022
 printf '%s %s\n' "$(date -u '+%Y-%m-%d %H:%M:%S')" "$*" >>"$log"
 
 case "$1 $2 ${3:-}" in
+    *' start ') # /run is empty after a boot, and the certificate is not new
+        id=$(cat "$store/$1/server/.cacheddata/active.txt" 2>/dev/null)
+        [ -z "$id" ] || point "$1" "$id"
+        ;;
     'web server new' | 'api server new') # nginx serves both
         point "$1" "$4"
         reloadServer

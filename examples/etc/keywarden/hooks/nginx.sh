@@ -1,0 +1,46 @@
+#!/bin/sh
+# The callback script of a service whose certificate nginx serves. It runs as the daemon user, and the daemon waits
+# for its end.
+set -eu
+umask 022 # the daemon's own is 0
+
+store=/var/lib/keywarden/store/$1
+links=/run/keywarden/current
+fifo=/run/reload-servers
+
+# nginx is configured with these two names, whatever the certificate's id is.
+point() {
+    [ -n "$1" ] || return 0
+    mkdir -p "$links"
+    ln -sfn "$store/server/$1" "$links/$service.crt"
+    ln -sfn "$store/server/$1.key" "$links/$service.key"
+}
+
+# nginx wants all CAs whose clients it accepts in one file.
+join_authorities() {
+    mkdir -p "$links"
+    cat "$store"/ca/????????.? >"$links/$service.clients.new" 2>/dev/null || true # there is none
+    mv "$links/$service.clients.new" "$links/$service.clients"
+}
+
+# The daemon user may not signal nginx; reload-servers.sh does it. Opened for reading, too: that does not block
+# where nobody reads.
+ask_for_reload() {
+    [ ! -p "$fifo" ] || echo nginx 1<>"$fifo"
+}
+
+service=$1
+case "$2 ${3:-}" in
+    'start ') # /run is empty after a boot
+        point "$(cat "$store/server/.cacheddata/active.txt")"
+        join_authorities
+        ;;
+    'server new')
+        point "$4"
+        ask_for_reload
+        ;;
+    'ca new' | 'ca revoke')
+        join_authorities
+        ask_for_reload
+        ;;
+esac
