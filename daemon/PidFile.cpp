@@ -7,6 +7,8 @@
 
 #include "support/FileWriteError.h"
 #include "support/FileWriter.h"
+#include "support/OwnFolder.h"
+#include "support/TemporaryFile.h"
 #include "support/UniqueFd.h"
 
 namespace keywarden {
@@ -29,6 +31,8 @@ void writePidFile(const std::string& path, pid_t pid, const std::string& user) {
     attributes.user = user;
     attributes.group = user;
     const std::string text = std::to_string(pid);
+    // The folder is shared: only what an earlier run that was killed left of this very file.
+    removeTemporaries(folderOfPath(path), splitPath(path).second);
     try {
         FileWriter::write(path, text, attributes);
     } catch (const FileWriteError& error) {

@@ -22,11 +22,18 @@ Server::Server(const ServiceConfiguration& serviceConfiguration,
                std::shared_ptr<ServiceCallbacks> serviceCallbacks)
     : configuration(serviceConfiguration),
       callbacks(std::move(serviceCallbacks)),
-      accessor(serviceConfiguration, "server") {
+      accessor(serviceConfiguration, "server"),
+      journal({accessor.certificateDirectoryPath(), accessor.cachedDirectoryPath()}) {
     Log::open();
+    recover();
+    // Without the file it is not known which certificate was in force, nor then which files are left over.
+    const bool isActiveKnown = Tools::fileExist(accessor.activePath());
     updateFileSystem();
     removeCsr();
-    if (isCertificatePresent() && loadCertificateInfo()) {
+    const bool isPresent = isCertificatePresent() && loadActiveCertificate();
+    if (isActiveKnown && (isPresent || !isCertificatePresent()))
+        removeUnfinished(accessor.getActive());
+    if (isPresent) {
         Log::write(SeverityInfo, "Server certificate found for service: " + name());
         checkNetworkInfo();
     } else {
@@ -35,20 +42,6 @@ Server::Server(const ServiceConfiguration& serviceConfiguration,
     }
     if (isCertificatePresent())
         checkTimeValidity();
-}
-
-// The active file keeps a revoked certificate's id, and files can be lost: the service starts all the same.
-bool Server::loadCertificateInfo() {
-    const std::string id = accessor.getActive();
-    try {
-        certificateInfo = std::make_shared<CertificateInfo>(accessor.certInfoPath(id));
-        return true;
-    } catch (...) {
-        Log::write(SeverityError,
-                   "The certificate '" + id + "' of service '" + name() +
-                       "' cannot be loaded, going on without it: " + Failure::current().text());
-        return false;
-    }
 }
 
 void Server::checkNetworkInfo() {
@@ -112,9 +105,9 @@ void Server::updateCertificateFiles(const std::string& id) {
     Tools::changeGroup(accessor.certPath(id), configuration.getManagementGroup());
     Tools::changeMode(accessor.certKeyPath(id), 0640);
     Tools::changeGroup(accessor.certKeyPath(id), configuration.getKeyGroup());
-    FileWriter writer;
-    stageInfo(writer, certificate, id);
-    writer.commit();
+    FileTransaction change(journal);
+    stageInfo(change, certificate, id);
+    change.commit();
     writeDetails(certificate, id);
     const std::string overwrittenData = accessor.certOverwrittenDataPath(id);
     if (!Tools::fileExist(overwrittenData))
@@ -123,10 +116,13 @@ void Server::updateCertificateFiles(const std::string& id) {
     Tools::changeGroup(overwrittenData, configuration.getManagementGroup());
 }
 
+std::vector<std::string> Server::filesOf(const std::string& id) const {
+    return {accessor.certPath(id),        accessor.certKeyPath(id),     accessor.certInfoPath(id),
+            accessor.certNetworkPath(id), accessor.certDetailsPath(id), accessor.certOverwrittenDataPath(id)};
+}
+
 void Server::removeCertificate(const std::string& id) {
-    for (const std::string& path :
-         {accessor.certPath(id), accessor.certKeyPath(id), accessor.certInfoPath(id),
-          accessor.certNetworkPath(id), accessor.certDetailsPath(id), accessor.certOverwrittenDataPath(id)})
+    for (const std::string& path : filesOf(id))
         Common::removeFile(path);
 }
 
@@ -140,7 +136,14 @@ void Server::revokeCrt() {
     const std::string id = accessor.getActive();
     if (!id.empty()) {
         debugTrace("Remove the active certificate: " + id);
-        removeCertificate(id);
+        FileTransaction change(journal);
+        for (const std::string& path : filesOf(id))
+            change.remove(path);
+        // On a full disk, too, a certificate can be revoked.
+        change.commitAtAnyRate();
+        if (Tools::fileExist(accessor.certPath(id)) || Tools::fileExist(accessor.certKeyPath(id)))
+            throw KeywardenDaemonException("The files of the certificate '" + id + "' of service '" + name() +
+                                           "' cannot be removed.");
     }
     debugTrace(" Removed certificate files with " + id + "... Done.");
 }

@@ -4,8 +4,10 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "callbacks/ServiceCallbacks.h"
 #include "cnf/CnfConfiguration.h"
@@ -13,7 +15,9 @@
 #include "config/ServiceConfiguration.h"
 #include "network/NetworkInfo.h"
 #include "stores/CertificateInfo.h"
+#include "support/FileTransaction.h"
 #include "support/FileWriter.h"
+#include "support/Journal.h"
 #include "x509/EVP_PKEY_T.h"
 #include "x509/X509_REQ_T.h"
 #include "x509/X509_T.h"
@@ -29,10 +33,11 @@ class Server {
         bool excludeIpForAllNetworkInterfaces = false;
     };
 
-    /// Runs the store's start-up: housekeeping, a pending request discarded, a certificate generated where
-    /// none is present or the network identity went stale, an expiry check. `configuration` must outlive
-    /// this; `callbacks` is never null. Throws std::runtime_error when the store's folders cannot be used; a
-    /// certificate that cannot be made is only logged.
+    /// Runs the store's start-up: an interrupted change finished or discarded, housekeeping, a pending
+    /// request discarded, a certificate generated where none is present or the network identity went stale,
+    /// an expiry check. `configuration` must outlive this; `callbacks` is never null. Throws
+    /// std::runtime_error when the store's folders cannot be used; a certificate that cannot be made is only
+    /// logged.
     Server(const ServiceConfiguration& configuration, std::shared_ptr<ServiceCallbacks> callbacks);
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
@@ -46,14 +51,16 @@ class Server {
     void updateFileSystem();
     /// Stores the pair as the active one, tells the owner, then removes the earlier certificate's files.
     /// Throws what the failing step throws: a failed pair changes nothing, a later failure leaves the steps
-    /// before it done and the active pointer where it was.
+    /// before it done and the active pointer where it was. A power cut at any moment leaves the earlier pair
+    /// or the new one.
     void installCertificate(const X509_T& certificate, const EVP_PKEY_T& key, const NetworkInfo& network);
     /// Throws KeywardenDaemonException.
     void updateActiveFile(const std::string& id);
     void removeCertificate(const std::string& id);
     void removeCsr();
     /// Removes the active certificate's files. The active file keeps naming it, so that a certificate counts
-    /// as present until the next one is installed.
+    /// as present until the next one is installed. Throws KeywardenDaemonException when the certificate or
+    /// its key is still there.
     void revokeCrt();
     /// Throws std::runtime_error.
     void writeDetails(const X509_T& certificate, const std::string& id);
@@ -121,7 +128,15 @@ class Server {
     [[nodiscard]] FileAttributes managedFile(unsigned mode = 0644) const;
     [[nodiscard]] FileAttributes keyFile() const;
 
-    [[nodiscard]] bool loadCertificateInfo();
+    /// Whether the active id names a pair that can be used, with its record loaded; what is wrong is logged.
+    [[nodiscard]] bool loadActiveCertificate();
+    [[nodiscard]] bool loadCertificateInfo(const std::string& id);
+    [[nodiscard]] bool isWholePair(const std::string& id) const;
+    [[nodiscard]] std::vector<std::string> filesOf(const std::string& id) const;
+    void recover() const;
+    void removeUnfinished(const std::string& active);
+    void addForeignIds(const std::string& folder, const std::string& active,
+                       std::set<std::string>& found) const;
     void checkNetworkInfo();
     void updateFolders();
     void updateCertificateFiles(const std::string& id);
@@ -130,15 +145,15 @@ class Server {
                               const std::string& id) const;
     /// `earlierKey` is the descriptor of the key file before the installation, or negative.
     void restorePair(const std::string& id, int earlierKey) const;
-    void stagePair(FileWriter& writer, const X509_T& certificate, const EVP_PKEY_T& key,
+    void stagePair(FileTransaction& change, const X509_T& certificate, const EVP_PKEY_T& key,
                    const std::string& id) const;
-    void stageDescription(FileWriter& writer, const X509_T& certificate, const NetworkInfo& network,
+    void stageDescription(FileTransaction& change, const X509_T& certificate, const NetworkInfo& network,
                           const std::string& id) const;
-    void stageKey(FileWriter& writer, const std::string& path, const EVP_PKEY_T& key) const;
-    void stageInfo(FileWriter& writer, const X509_T& certificate, const std::string& id) const;
-    void stageDetails(FileWriter& writer, const X509_T& certificate, const std::string& id) const;
-    void stageNetwork(FileWriter& writer, const std::string& path, const NetworkInfo& network) const;
-    void stageActive(FileWriter& writer, const std::string& id) const;
+    void stageKey(FileTransaction& change, const std::string& path, const EVP_PKEY_T& key) const;
+    void stageInfo(FileTransaction& change, const X509_T& certificate, const std::string& id) const;
+    void stageDetails(FileTransaction& change, const X509_T& certificate, const std::string& id) const;
+    void stageNetwork(FileTransaction& change, const std::string& path, const NetworkInfo& network) const;
+    void stageActive(FileTransaction& change, const std::string& id) const;
 
     std::map<std::string, std::string> buildAltName(const ServiceConfiguration& interfaces) const;
     void addAltName(kwdata::CCertificateData& data, const std::map<std::string, std::string>& names) const;
@@ -159,6 +174,7 @@ class Server {
     const ServiceConfiguration& configuration;
     std::shared_ptr<ServiceCallbacks> callbacks;
     InternalCertificatesAccessor accessor;
+    Journal journal;
     std::shared_ptr<CertificateInfo> certificateInfo;
 };
 

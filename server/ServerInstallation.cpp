@@ -80,25 +80,18 @@ void Server::installCertificate(const X509_T& certificate, const EVP_PKEY_T& key
 void Server::saveCertificateFiles(const X509_T& certificate, const EVP_PKEY_T& key,
                                   const NetworkInfo& network, const std::string& id) const {
     debugTrace(" Save the certificate files for " + id + "...");
-    FileWriter writer;
-    stagePair(writer, certificate, key, id);
+    FileTransaction change(journal);
+    stagePair(change, certificate, key, id);
     const UniqueFd earlierKey = openEarlierKey(accessor.certKeyPath(id));
-    const auto putInPlace = [&] {
-        try {
-            writer.commit();
-        } catch (...) {
-            restorePair(id, earlierKey.get());
-            throw;
-        }
-    };
+    change.onFailure([&] { restorePair(id, earlierKey.get()); });
     try {
-        stageDescription(writer, certificate, network, id);
+        stageDescription(change, certificate, network, id);
     } catch (...) {
         // No roll-back: what was staged before the failing step goes into the store, the active pointer not.
-        putInPlace();
+        change.commitAtAnyRate();
         throw;
     }
-    putInPlace();
+    change.commit();
 }
 
 // The renames of key and certificate are not one step: when the second fails (a broken disk, a mount point in
@@ -119,47 +112,46 @@ void Server::restorePair(const std::string& id, int earlierKey) const {
     }
 }
 
-void Server::stagePair(FileWriter& writer, const X509_T& certificate, const EVP_PKEY_T& key,
+void Server::stagePair(FileTransaction& change, const X509_T& certificate, const EVP_PKEY_T& key,
                        const std::string& id) const {
     const std::string certificatePem = certificate.toPem() + "\n";
     debugTrace(" -> Save the key...");
-    stageKey(writer, accessor.certKeyPath(id), key);
+    stageKey(change, accessor.certKeyPath(id), key);
     debugTrace(" -> Save the certificate...");
-    stageFile(writer, accessor.certPath(id), certificatePem, managedFile());
+    stageFile(change, accessor.certPath(id), certificatePem, managedFile());
 }
 
-void Server::stageKey(FileWriter& writer, const std::string& path, const EVP_PKEY_T& key) const {
+void Server::stageKey(FileTransaction& change, const std::string& path, const EVP_PKEY_T& key) const {
     Secret pem(privateKeyToPem(key));
     pem.append("\n");
-    stageFile(writer, path, pem.text(), keyFile());
+    stageFile(change, path, pem.text(), keyFile());
 }
 
-void Server::stageDescription(FileWriter& writer, const X509_T& certificate, const NetworkInfo& network,
+void Server::stageDescription(FileTransaction& change, const X509_T& certificate, const NetworkInfo& network,
                               const std::string& id) const {
     debugTrace(" -> Create Info file...");
-    stageInfo(writer, certificate, id);
+    stageInfo(change, certificate, id);
     debugTrace(" -> Create details file...");
-    stageDetails(writer, certificate, id);
+    stageDetails(change, certificate, id);
     debugTrace(" -> Save the network Info...");
-    stageNetwork(writer, accessor.certNetworkPath(id), network);
+    stageNetwork(change, accessor.certNetworkPath(id), network);
     debugTrace(" -> Update active list.");
-    stageActive(writer, id);
+    stageActive(change, id);
 }
 
-void Server::stageInfo(FileWriter& writer, const X509_T& certificate, const std::string& id) const {
+void Server::stageInfo(FileTransaction& change, const X509_T& certificate, const std::string& id) const {
     const std::string path = accessor.certInfoPath(id);
     try {
-        stageFile(writer, path, CertificateInfoStorage(certificate).toJson(), managedFile());
+        stageFile(change, path, CertificateInfoStorage(certificate).toJson(), managedFile());
     } catch (const FileWriteError& error) {
-        throw std::runtime_error("Error: Impossible to open " + path + "for writting with error " +
-                                 std::strerror(error.errorNumber()));
+        throw CertificateInfoStorage::unwritable(path, error);
     }
 }
 
-void Server::stageDetails(FileWriter& writer, const X509_T& certificate, const std::string& id) const {
+void Server::stageDetails(FileTransaction& change, const X509_T& certificate, const std::string& id) const {
     const std::string path = accessor.certDetailsPath(id);
     try {
-        stageFile(writer, path, printedText(certificate), managedFile());
+        stageFile(change, path, printedText(certificate), managedFile());
     } catch (const FileWriteError&) {
         throw std::runtime_error("Not able to open details file '" + path + "' for writing for service '" +
                                  name() + "'.");
@@ -167,9 +159,10 @@ void Server::stageDetails(FileWriter& writer, const X509_T& certificate, const s
 }
 
 // A network file that cannot be opened is only logged; setting the rights of the missing file then throws.
-void Server::stageNetwork(FileWriter& writer, const std::string& path, const NetworkInfo& network) const {
+void Server::stageNetwork(FileTransaction& change, const std::string& path,
+                          const NetworkInfo& network) const {
     try {
-        stageFile(writer, path, network.toText(), managedFile());
+        stageFile(change, path, network.toText(), managedFile());
     } catch (const FileWriteError&) {
         Log::write(SeverityError,
                    "Failed to open network file: " + path + " for saving network information.");
@@ -179,28 +172,28 @@ void Server::stageNetwork(FileWriter& writer, const std::string& path, const Net
 }
 
 // No line end: readers compare the whole content with an id.
-void Server::stageActive(FileWriter& writer, const std::string& id) const {
+void Server::stageActive(FileTransaction& change, const std::string& id) const {
     try {
-        stageFile(writer, accessor.activePath(), id, managedFile());
+        stageFile(change, accessor.activePath(), id, managedFile());
     } catch (const FileWriteError&) {
         failActiveFile(accessor.activePath());
     }
 }
 
 void Server::updateActiveFile(const std::string& id) {
-    FileWriter writer;
-    stageActive(writer, id);
+    FileTransaction change(journal);
+    stageActive(change, id);
     try {
-        writer.commit();
+        change.commit();
     } catch (const FileWriteError&) {
         failActiveFile(accessor.activePath());
     }
 }
 
 void Server::writeDetails(const X509_T& certificate, const std::string& id) {
-    FileWriter writer;
-    stageDetails(writer, certificate, id);
-    writer.commit();
+    FileTransaction change(journal);
+    stageDetails(change, certificate, id);
+    change.commit();
 }
 
 }  // namespace keywarden

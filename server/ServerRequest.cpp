@@ -72,14 +72,14 @@ void Server::createPendingRequest(
 
 void Server::savePendingRequest(const EVP_PKEY_T& key, const X509_REQ_T& request,
                                 const NetworkInfo& network) const {
-    FileWriter writer;
+    FileTransaction change(journal);
     debugTrace(" -> Save the key...");
-    stageKey(writer, accessor.csrKeyPath(), key);
+    stageKey(change, accessor.csrKeyPath(), key);
     debugTrace(" -> Save the CSR...");
-    stageFile(writer, accessor.csrPath(), x509CsrToPem(request) + "\n", managedFile());
+    stageFile(change, accessor.csrPath(), x509CsrToPem(request) + "\n", managedFile());
     debugTrace(" -> Save the Network...");
-    stageNetwork(writer, accessor.csrNetworkPath(), network);
-    writer.commit();
+    stageNetwork(change, accessor.csrNetworkPath(), network);
+    change.commit();
 }
 
 std::string Server::getCsrInfo() const {

@@ -35,12 +35,12 @@ void refuseSpecialFile(const std::string& path) {
         throw std::runtime_error("The file '" + path + "' is not a regular file.");
 }
 
-void stageFile(FileWriter& writer, const std::string& path, std::string_view content,
+void stageFile(FileTransaction& change, const std::string& path, std::string_view content,
                const FileAttributes& attributes) {
     struct stat info {};
     if (::lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode))
         throw FileWriteError("Impossible to write '" + path + "': a folder stands in its place", EISDIR);
-    writer.stage(path, content, attributes);
+    change.stage(path, content, attributes);
 }
 
 }  // namespace keywarden

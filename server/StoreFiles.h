@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-#include "support/FileWriter.h"
+#include "support/FileTransaction.h"
 #include "x509/X509_T.h"
 
 namespace keywarden {
@@ -16,9 +16,8 @@ namespace keywarden {
 /// would hold up the service. A missing file passes.
 void refuseSpecialFile(const std::string& path);
 
-/// FileWriter::stage; a folder in the file's place is refused at once (FileWriteError), since the rename
-/// would fail only after the files staged before it are in place.
-void stageFile(FileWriter& writer, const std::string& path, std::string_view content,
+/// FileTransaction::stage, with the server store's own text for a folder in the file's place.
+void stageFile(FileTransaction& change, const std::string& path, std::string_view content,
                const FileAttributes& attributes);
 
 }  // namespace keywarden

@@ -6,17 +6,6 @@
 
 namespace keywarden {
 
-namespace {
-
-std::string linesOf(const std::map<std::string, std::string>& names) {
-    std::string lines;
-    for (const auto& [id, commonName] : names)
-        lines += id + " " + onOneLine(commonName) + "\n";
-    return lines;
-}
-
-}  // namespace
-
 CertificateIdCnMap::CertificateIdCnMap(const std::string& path) {
     readFromFile(path);
 }
@@ -40,13 +29,20 @@ CertificateIdList CertificateIdCnMap::toCertificateIdList() const {
     return ids;
 }
 
+std::string CertificateIdCnMap::toLines() const {
+    std::string lines;
+    for (const auto& [id, commonName] : names_)
+        lines += id + " " + onOneLine(commonName) + "\n";
+    return lines;
+}
+
 void CertificateIdCnMap::writeIntoFile(const std::string& path, bool truncate) const {
-    writeIndexFile(path, linesOf(names_), truncate, FileAttributes());
+    writeIndexFile(path, toLines(), truncate, FileAttributes());
 }
 
 void CertificateIdCnMap::writeIntoFile(const std::string& path, bool truncate,
                                        const std::string& group) const {
-    writeIndexFile(path, linesOf(names_), truncate, {0644, group, std::string(), true});
+    writeIndexFile(path, toLines(), truncate, {0644, group, std::string(), true});
 }
 
 void CertificateIdCnMap::readFromFile(const std::string& path) {

@@ -24,7 +24,9 @@ class CertificateIdCnMap {
     [[nodiscard]] const std::map<std::string, std::string>& entries() const { return names_; }
 
     /// One line an entry: id, one blank, common name. A line feed inside a common name is written as a blank:
-    /// a certificate cannot bring entries of its own. Without `truncate` the lines are appended.
+    /// a certificate cannot bring entries of its own.
+    [[nodiscard]] std::string toLines() const;
+    /// toLines() as a file. Without `truncate` the lines are appended.
     /// Throws std::runtime_error when the file cannot be opened.
     void writeIntoFile(const std::string& path, bool truncate) const;
     void writeIntoFile(const std::string& path, bool truncate, const std::string& group) const;

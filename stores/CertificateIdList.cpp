@@ -6,17 +6,6 @@
 
 namespace keywarden {
 
-namespace {
-
-std::string linesOf(const std::set<std::string>& ids) {
-    std::string lines;
-    for (const std::string& id : ids)
-        lines += id + "\n";
-    return lines;
-}
-
-}  // namespace
-
 CertificateIdList::CertificateIdList(const std::vector<std::string>& ids) : ids_(ids.begin(), ids.end()) {}
 
 CertificateIdList::CertificateIdList(const std::string& path) {
@@ -42,13 +31,20 @@ std::string CertificateIdList::toTextList() const {
     return text;
 }
 
+std::string CertificateIdList::toLines() const {
+    std::string lines;
+    for (const std::string& id : ids_)
+        lines += id + "\n";
+    return lines;
+}
+
 void CertificateIdList::writeIntoFile(const std::string& path, bool truncate) const {
-    writeIndexFile(path, linesOf(ids_), truncate, FileAttributes());
+    writeIndexFile(path, toLines(), truncate, FileAttributes());
 }
 
 void CertificateIdList::writeIntoFile(const std::string& path, bool truncate,
                                       const std::string& group) const {
-    writeIndexFile(path, linesOf(ids_), truncate, {0644, group, std::string(), true});
+    writeIndexFile(path, toLines(), truncate, {0644, group, std::string(), true});
 }
 
 void CertificateIdList::readFromFile(const std::string& path) {

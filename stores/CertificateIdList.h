@@ -21,7 +21,9 @@ class CertificateIdList {
     /// Separated by single blanks.
     [[nodiscard]] std::string toTextList() const;
 
-    /// One id a line. Without `truncate` the lines are appended to what the file holds.
+    /// One id a line.
+    [[nodiscard]] std::string toLines() const;
+    /// toLines() as a file. Without `truncate` the lines are appended to what the file holds.
     /// Throws std::runtime_error when the file cannot be opened.
     void writeIntoFile(const std::string& path, bool truncate) const;
     void writeIntoFile(const std::string& path, bool truncate, const std::string& group) const;

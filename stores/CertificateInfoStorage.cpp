@@ -47,10 +47,14 @@ void CertificateInfoStorage::writeIntoFile(const std::string& path, const FileAt
     try {
         FileWriter::write(path, toJson(), attributes);
     } catch (const FileWriteError& error) {
-        // The missing blank and the spelling are part of the text.
-        throw std::runtime_error("Error: Impossible to open " + path + "for writting with error " +
-                                 std::strerror(error.errorNumber()));
+        throw unwritable(path, error);
     }
+}
+
+// The missing blank and the spelling are part of the text.
+std::runtime_error CertificateInfoStorage::unwritable(const std::string& path, const FileWriteError& error) {
+    return std::runtime_error("Error: Impossible to open " + path + "for writting with error " +
+                              std::strerror(error.errorNumber()));
 }
 
 void operator<<=(cxxtools::SerializationInfo& si, const CertificateInfoStorage& info) {

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "support/FileWriteError.h"
 #include "support/FileWriter.h"
 #include "x509/X509_T.h"
 
@@ -23,6 +25,9 @@ class CertificateInfoStorage {
 
     /// Compact JSON without a line end.
     [[nodiscard]] std::string toJson() const;
+
+    /// What a record that cannot be written is reported with.
+    [[nodiscard]] static std::runtime_error unwritable(const std::string& path, const FileWriteError& error);
 
     /// Throws std::runtime_error.
     void writeIntoFile(const std::string& path, const FileAttributes& attributes = {}) const;

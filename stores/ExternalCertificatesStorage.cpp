@@ -1,8 +1,5 @@
 #include "stores/ExternalCertificatesStorage.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <sstream>
 #include <stdexcept>
 
@@ -10,14 +7,16 @@
 #include "stores/CertificateId.h"
 #include "stores/CertificateInfo.h"
 #include "stores/CertificateInfoStorage.h"
+#include "stores/IndexFile.h"
 #include "stores/RegularFile.h"
 #include "support/Common.h"
 #include "support/Debug.h"
 #include "support/Failure.h"
 #include "support/FileWriteError.h"
 #include "support/KeywardenDaemonException.h"
+#include "support/Log.h"
+#include "support/TemporaryFile.h"
 #include "support/Tools.h"
-#include "support/UniqueFd.h"
 #include "x509/Inspection.h"
 #include "x509/Secret.h"
 
@@ -40,18 +39,21 @@ Secret readSource(const std::string& path) {
     }
 }
 
-// A certificate that was revoked must not come back with a power cut.
-void syncFolder(const std::string& path) {
-    const UniqueFd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (folder)
-        ::fsync(folder.get());
+std::runtime_error unwritableDetails(const std::string& path, const std::string& service) {
+    return std::runtime_error("Not able to open details file '" + path + "' for writing for service '" +
+                              service + "'.");
 }
 
 }  // namespace
 
 ExternalCertificatesStorage::ExternalCertificatesStorage(const ServiceConfiguration& configuration,
                                                          const std::string& storeName)
-    : storeName_(storeName), configuration_(configuration), accessor_(configuration, storeName) {
+    : storeName_(storeName),
+      configuration_(configuration),
+      accessor_(configuration, storeName),
+      journal_({accessor_.certificateDirectoryPath(), accessor_.cachedDirectoryPath()}) {
+    journal_.recover();
+    removeTemporaries(accessor_.tmpDirectoryPath());
     // Must not ask for a policy: the subclass does not exist yet.
     updateFileSystem();
 }
@@ -68,17 +70,63 @@ std::string ExternalCertificatesStorage::add(const std::string& sourcePath) {
         throw KeywardenDaemonException(kNotValid, "No valid certificate found.");
     debugTrace(" -> Get the certificate name...");
     std::string id = newIdOf(certificate);
-    debugTrace(" -> Copy the certificate...");
-    FileWriter::write(accessor_.certPath(id), source.text(), attributes());
-    debugTrace(" -> Create Info file...");
-    CertificateInfoStorage(certificate).writeIntoFile(accessor_.certInfoPath(id), attributes());
-    debugTrace(" -> Create details file...");
-    writeDetails(certificate, id);
-    debugTrace(" -> Update list and map...");
-    idCnMap_.set(id, subjectCommonName(certificate));
-    writeIndexes();
+    saveFiles(id, certificate, source.text());
     debugTrace(task + "... Done.");
     return id;
+}
+
+void ExternalCertificatesStorage::saveFiles(const std::string& id, const X509_T& certificate,
+                                            std::string_view content) {
+    FileTransaction change(journal_);
+    debugTrace(" -> Copy the certificate...");
+    change.stage(accessor_.certPath(id), content, attributes());
+    try {
+        stageDescription(change, certificate, id);
+        debugTrace(" -> Update list and map...");
+        idCnMap_.set(id, subjectCommonName(certificate));
+        stageIndexes(change, idCnMap_);
+    } catch (...) {
+        // No roll-back: what was staged before the failing step goes into the store.
+        change.commitAtAnyRate();
+        throw;
+    }
+    try {
+        change.commit();
+    } catch (...) {
+        if (!isStoredAs(id, certificate))
+            idCnMap_.remove(id);
+        throw;
+    }
+}
+
+void ExternalCertificatesStorage::stageDescription(FileTransaction& change, const X509_T& certificate,
+                                                   const std::string& id) const {
+    debugTrace(" -> Create Info file...");
+    const std::string infoPath = accessor_.certInfoPath(id);
+    try {
+        change.stage(infoPath, CertificateInfoStorage(certificate).toJson(), attributes());
+    } catch (const FileWriteError& error) {
+        throw CertificateInfoStorage::unwritable(infoPath, error);
+    }
+    debugTrace(" -> Create details file...");
+    const std::string detailsPath = accessor_.certDetailsPath(id);
+    try {
+        change.stage(detailsPath, printedText(certificate), attributes());
+    } catch (const FileWriteError&) {
+        throw unwritableDetails(detailsPath, service());
+    }
+}
+
+void ExternalCertificatesStorage::stageIndexes(FileTransaction& change, const CertificateIdCnMap& map) const {
+    const auto stage = [&](const std::string& path, const std::string& lines) {
+        try {
+            change.stage(path, lines, attributes());
+        } catch (const FileWriteError&) {
+            failToOpenIndex(path);
+        }
+    };
+    stage(accessor_.listPath(), map.toCertificateIdList().toLines());
+    stage(accessor_.cnMapPath(), map.toLines());
 }
 
 void ExternalCertificatesStorage::refuseWhenFull() const {
@@ -126,39 +174,79 @@ std::string ExternalCertificatesStorage::nextIdOf(const std::string& hash, const
 }
 
 void ExternalCertificatesStorage::refuseWhenStoredAs(const std::string& id, const X509_T& certificate) const {
-    X509_T stored;
-    try {
-        stored = storedCertificate(id);
-    } catch (...) {
-        // Gone or damaged behind our back: nothing that the new one could be the same as.
-        debugTrace(Failure::current().text());
-        return;
-    }
-    if (sameEncoding(stored, certificate))
+    if (isStoredAs(id, certificate))
         throw KeywardenDaemonException(kAlreadyPresent, "Certificate already present" + place());
 }
 
-bool ExternalCertificatesStorage::revoke(const std::string& id) {
-    const std::string task = "Remove " + id + " for " + service();
-    debugTrace(task);
-    if (!idCnMap_.certificateIdExist(id)) {
-        debugTrace(task + " Failed. Certificate Id doesn't exist.");
+bool ExternalCertificatesStorage::isStoredAs(const std::string& id, const X509_T& certificate) const {
+    try {
+        return sameEncoding(storedCertificate(id), certificate);
+    } catch (...) {
+        // Gone or damaged behind our back: nothing that another could be the same as.
+        debugTrace(Failure::current().text());
         return false;
     }
-    removeCertificateFiles(id);
-    syncFolder(accessor_.certificateDirectoryPath());
-    idCnMap_.remove(id);
-    debugTrace(task + " done.");
-    return true;
+}
+
+bool ExternalCertificatesStorage::revoke(const std::string& id) {
+    FileTransaction change(journal_);
+    CertificateIdList revoked;
+    addRemoval(change, id, idCnMap_.certificateIdExist(id), revoked);
+    // On a full disk, too, a certificate can be revoked.
+    change.commitAtAnyRate();
+    return !revoked.empty();
+}
+
+// The traces come in their turn, and the certificate leaves the map only when it is gone.
+void ExternalCertificatesStorage::addRemoval(FileTransaction& change, const std::string& id, bool isThere,
+                                             CertificateIdList& revoked) {
+    const std::string task = "Remove " + id + " for " + service();
+    change.call([task] { debugTrace(task); });
+    if (!isThere) {
+        change.call([task] { debugTrace(task + " Failed. Certificate Id doesn't exist."); });
+        return;
+    }
+    for (const std::string& path : filesOf(id))
+        change.remove(path);
+    change.call([this, task, id, &revoked] {
+        if (Tools::fileExist(accessor_.certPath(id)))
+            return;
+        idCnMap_.remove(id);
+        revoked.add(id);
+        debugTrace(task + " done.");
+    });
 }
 
 CertificateIdList ExternalCertificatesStorage::revoke(const std::vector<std::string>& ids) {
     CertificateIdList revoked;
+    if (revokeTogether(ids, revoked))
+        return revoked;
     for (const std::string& id : ids)
-        if (revoke(id))
+        if (idCnMap_.certificateIdExist(id) && revoke(id))
             revoked.add(id);
     writeIndexes();
     return revoked;
+}
+
+// False when it could not be done so: on a full disk the new indexes cannot be staged, but certificates be
+// removed.
+bool ExternalCertificatesStorage::revokeTogether(const std::vector<std::string>& ids,
+                                                 CertificateIdList& revoked) {
+    try {
+        FileTransaction change(journal_);
+        CertificateIdCnMap remaining = idCnMap_;
+        for (const std::string& id : ids) {
+            addRemoval(change, id, remaining.certificateIdExist(id), revoked);
+            remaining.remove(id);
+        }
+        stageIndexes(change, remaining);
+        change.commit();
+        return remaining.size() == idCnMap_.size();
+    } catch (const std::runtime_error& error) {
+        Log::write(SeverityError,
+                   "Revoking certificates" + place() + " one by one, not all at once: " + error.what());
+        return false;
+    }
 }
 
 std::string ExternalCertificatesStorage::getCertInfo(const std::string& id) const {
@@ -180,18 +268,20 @@ void ExternalCertificatesStorage::writeDetails(const X509_T& certificate, const 
     const std::string path = accessor_.certDetailsPath(id);
     const std::string details = printedText(certificate);
     try {
-        FileWriter::write(path, details, attributes());
+        FileWriter::write(path, details, derivedAttributes());
     } catch (const FileWriteError&) {
-        throw std::runtime_error("Not able to open details file '" + path + "' for writing for service '" +
-                                 service() + "'.");
+        throw unwritableDetails(path, service());
     }
 }
 
 void ExternalCertificatesStorage::removeCertificateFiles(const std::string& id) const {
-    Common::removeFile(accessor_.certInfoPath(id));
-    Common::removeFile(accessor_.certDetailsPath(id));
-    Common::removeFile(accessor_.certOverwrittenDataPath(id));
-    Common::removeFile(accessor_.certPath(id));
+    for (const std::string& path : filesOf(id))
+        Common::removeFile(path);
+}
+
+std::vector<std::string> ExternalCertificatesStorage::filesOf(const std::string& id) const {
+    return {accessor_.certInfoPath(id), accessor_.certDetailsPath(id), accessor_.certOverwrittenDataPath(id),
+            accessor_.certPath(id)};
 }
 
 X509_T ExternalCertificatesStorage::storedCertificate(const std::string& id) const {
@@ -199,13 +289,19 @@ X509_T ExternalCertificatesStorage::storedCertificate(const std::string& id) con
 }
 
 void ExternalCertificatesStorage::writeIndexes() const {
-    const std::string& group = configuration_.getManagementGroup();
-    idCnMap_.toCertificateIdList().writeIntoFile(accessor_.listPath(), true, group);
-    idCnMap_.writeIntoFile(accessor_.cnMapPath(), true, group);
+    FileTransaction change(journal_);
+    stageIndexes(change, idCnMap_);
+    change.commit();
 }
 
 FileAttributes ExternalCertificatesStorage::attributes() const {
-    return {0644, configuration_.getManagementGroup(), std::string(), true};
+    return {0644, configuration_.getManagementGroup(), std::string(), true, true};
+}
+
+FileAttributes ExternalCertificatesStorage::derivedAttributes() const {
+    FileAttributes derived = attributes();
+    derived.synced = false;
+    return derived;
 }
 
 const std::string& ExternalCertificatesStorage::service() const {

@@ -1,12 +1,15 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "config/ExternalCertificatesAccessor.h"
 #include "stores/CertificateIdCnMap.h"
 #include "stores/CertificateIdList.h"
+#include "support/FileTransaction.h"
 #include "support/FileWriter.h"
+#include "support/Journal.h"
 #include "x509/X509_T.h"
 
 namespace keywarden {
@@ -20,7 +23,8 @@ class ServiceConfiguration;
 /// those files at start-up.
 class ExternalCertificatesStorage {
   public:
-    /// The configuration must outlive the store. Runs updateFileSystem().
+    /// The configuration must outlive the store. Finishes or discards what an earlier run was cut short in,
+    /// and runs updateFileSystem().
     ExternalCertificatesStorage(const ServiceConfiguration& configuration, const std::string& storeName);
     ExternalCertificatesStorage(const ExternalCertificatesStorage&) = delete;
     ExternalCertificatesStorage& operator=(const ExternalCertificatesStorage&) = delete;
@@ -37,13 +41,16 @@ class ExternalCertificatesStorage {
     /// Throws KeywardenDaemonException: code 1 when the file is missing or cannot be read, 9 when it holds no
     /// certificate for this store, 42 when the store or the row of ids with one hash is full, 43 when the
     /// certificate is there already. Throws std::runtime_error when a file of the store cannot be written;
-    /// what was written before it stays.
+    /// what was written before it stays. A power cut at any moment leaves the store with the certificate or
+    /// without it, or with the one that it replaces.
     std::string add(const std::string& sourcePath);
 
-    /// Removes one certificate; the list and map files are not rewritten. Returns whether it was there.
+    /// Removes one certificate; the list and map files are not rewritten. Returns whether it was there and is
+    /// gone. Throws std::runtime_error when it is not sure to stay away in a power cut.
     bool revoke(const std::string& id);
-    /// Removes several, rewrites the list and map files, and returns the ids really removed. Throws
-    /// std::runtime_error when one of the two cannot be written.
+    /// Removes several, rewrites the list and map files, and returns the ids really removed. A power cut at
+    /// any moment leaves all of them or none. Throws std::runtime_error when one of the two files cannot be
+    /// written.
     CertificateIdList revoke(const std::vector<std::string>& ids);
 
     /// Brings folders, rights and derived files into line with the certificates that are there. Throws
@@ -74,6 +81,14 @@ class ExternalCertificatesStorage {
     [[nodiscard]] std::string onlyIdOf(const std::string& hash, const X509_T& certificate) const;
     [[nodiscard]] std::string nextIdOf(const std::string& hash, const X509_T& certificate) const;
     void refuseWhenStoredAs(const std::string& id, const X509_T& certificate) const;
+    [[nodiscard]] bool isStoredAs(const std::string& id, const X509_T& certificate) const;
+    void saveFiles(const std::string& id, const X509_T& certificate, std::string_view content);
+    void stageDescription(FileTransaction& change, const X509_T& certificate, const std::string& id) const;
+    void stageIndexes(FileTransaction& change, const CertificateIdCnMap& map) const;
+
+    // revoke()
+    bool revokeTogether(const std::vector<std::string>& ids, CertificateIdList& revoked);
+    void addRemoval(FileTransaction& change, const std::string& id, bool isThere, CertificateIdList& revoked);
 
     // updateFileSystem(), step by step.
     void prepareFolders() const;
@@ -84,6 +99,9 @@ class ExternalCertificatesStorage {
     [[nodiscard]] X509_T storedCertificate(const std::string& id) const;
     void writeIndexes() const;
     [[nodiscard]] FileAttributes attributes() const;
+    /// Of what is made again at every start.
+    [[nodiscard]] FileAttributes derivedAttributes() const;
+    [[nodiscard]] std::vector<std::string> filesOf(const std::string& id) const;
     [[nodiscard]] const std::string& service() const;
     /// " inside <store> for <service>"
     [[nodiscard]] std::string place() const;
@@ -91,6 +109,7 @@ class ExternalCertificatesStorage {
     std::string storeName_;
     const ServiceConfiguration& configuration_;
     ExternalCertificatesAccessor accessor_;
+    Journal journal_;
     CertificateIdCnMap idCnMap_;
 };
 

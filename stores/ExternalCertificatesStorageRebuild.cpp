@@ -64,7 +64,7 @@ void ExternalCertificatesStorage::restore(const std::string& id) {
         const X509_T certificate = checkedCertificate(id);
         // From here on it belongs to the store, whatever becomes of its rights and records.
         idCnMap_.set(id, subjectCommonName(certificate));
-        CertificateInfoStorage(certificate).writeIntoFile(accessor_.certInfoPath(id), attributes());
+        CertificateInfoStorage(certificate).writeIntoFile(accessor_.certInfoPath(id), derivedAttributes());
         writeDetails(certificate, id);
         Tools::changeMode(accessor_.certPath(id), kCertificateMode);
         Tools::changeGroup(accessor_.certPath(id), configuration_.getManagementGroup());

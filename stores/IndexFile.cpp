@@ -14,10 +14,6 @@ namespace {
 
 constexpr std::size_t kLargestIndex = std::size_t{64} * 1024 * 1024;
 
-[[noreturn]] void failToOpen(const std::string& path) {
-    throw std::runtime_error("Impossible to open the list file " + path + ".");
-}
-
 std::string contentToKeep(const std::string& path, bool truncate) {
     if (truncate || !Tools::fileExist(path))
         return {};
@@ -29,13 +25,17 @@ std::string contentToKeep(const std::string& path, bool truncate) {
 
 }  // namespace
 
+void failToOpenIndex(const std::string& path) {
+    throw std::runtime_error("Impossible to open the list file " + path + ".");
+}
+
 void writeIndexFile(const std::string& path, const std::string& lines, bool truncate,
                     const FileAttributes& attributes) {
     const std::string content = contentToKeep(path, truncate) + lines;
     try {
         FileWriter::write(path, content, attributes);
     } catch (const FileWriteError&) {
-        failToOpen(path);
+        failToOpenIndex(path);
     }
 }
 
@@ -43,7 +43,7 @@ std::string readIndexFile(const std::string& path) {
     try {
         return readRegularFile(path, kLargestIndex);
     } catch (const std::runtime_error&) {
-        failToOpen(path);
+        failToOpenIndex(path);
     }
 }
 

@@ -13,6 +13,9 @@ namespace keywarden {
 void writeIndexFile(const std::string& path, const std::string& lines, bool truncate,
                     const FileAttributes& attributes);
 
+/// Throws that exception.
+[[noreturn]] void failToOpenIndex(const std::string& path);
+
 [[nodiscard]] std::string readIndexFile(const std::string& path);
 
 /// The text with every line feed turned into a blank: it stays on its line.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstring>
 #include <stdexcept>
 #include <string>
 
@@ -10,6 +11,9 @@ class FileWriteError : public std::runtime_error {
   public:
     FileWriteError(const std::string& message, int errorNumber)
         : std::runtime_error(message), errorNumber_(errorNumber) {}
+    /// "<what> '<path>': <the errno's text>"
+    FileWriteError(const std::string& what, const std::string& path, int errorNumber)
+        : FileWriteError(what + " '" + path + "': " + std::strerror(errorNumber), errorNumber) {}
 
     [[nodiscard]] int errorNumber() const { return errorNumber_; }
 

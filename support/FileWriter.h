@@ -19,16 +19,27 @@ struct FileAttributes {
     /// The folder must belong to the daemon's user and not be a link: set for everything that stands in the
     /// stores, whose upper folders a service's management group may write.
     bool inOwnFolder = false;
+    /// Not set for what is made again at every start: it need not survive a power cut, and is not synced.
+    bool synced = true;
 };
 
 /// Writes files so that no reader and no power cut ever meets a half-written one, or one with wider rights
 /// than its final ones: each is written beside its place at 0600, gets its owner, group and mode, its
 /// content, is synced, and is then renamed over the old one; the folder is synced last.
 ///
-/// stage() does all up to the rename, commit() the renames in staging order and one sync a folder. What is
-/// not committed is removed by the destructor; the old files are then untouched.
+/// stage() does all up to the sync, commit() the syncs of the contents, the renames in staging order and one
+/// sync a folder. What is not committed is removed by the destructor; the old files are then untouched.
+/// A change of several files that must be seen whole or not at all is a FileTransaction.
 class FileWriter {
   public:
+    struct Staged {
+        std::string path;
+        std::string name;
+        std::string temporaryName;
+        std::shared_ptr<UniqueFd> folder;
+        UniqueFd content;  ///< open until it has been synced; none when it need not be
+    };
+
     FileWriter() = default;
     FileWriter(const FileWriter&) = delete;
     FileWriter& operator=(const FileWriter&) = delete;
@@ -37,29 +48,31 @@ class FileWriter {
     /// Throws FileWriteError when the file cannot be made or written, and std::runtime_error with the texts
     /// of Tools::changeMode, changeUser and changeGroup (naming `path`) when its rights cannot be set. The
     /// files staged before stay so.
-    void stage(const std::string& path, std::string_view content, const FileAttributes& attributes);
+    const Staged& stage(const std::string& path, std::string_view content, const FileAttributes& attributes);
 
-    /// Throws FileWriteError when a rename or a sync fails; the files before it are in place.
+    /// Throws FileWriteError when a rename or a sync fails; the files before it are in place. When a content
+    /// cannot be synced no file is put in place.
     void commit();
 
     /// One file, staged and committed.
     static void write(const std::string& path, std::string_view content, const FileAttributes& attributes);
 
+    // commit(), step by step, for who has more to do between the steps. Each throws FileWriteError.
+    void syncContents();
+    /// The file that was staged first and is not in place yet.
+    void putNextInPlace();
+    void syncFolders() const;
+
   private:
     struct Folder {
         std::string path;
         bool ours;
+        bool synced;
         std::shared_ptr<UniqueFd> descriptor;
-    };
-    struct Staged {
-        std::string path;
-        std::string name;
-        std::string temporaryName;
-        std::shared_ptr<UniqueFd> folder;
     };
 
     static void remove(const Staged& file);
-    std::shared_ptr<UniqueFd> folderOf(const std::string& folder, const std::string& path, bool mustBeOurs);
+    Folder& folderOf(const std::string& path, const FileAttributes& attributes);
 
     std::vector<Folder> folders_;
     std::vector<Staged> staged_;

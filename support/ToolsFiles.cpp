@@ -1,4 +1,6 @@
 #include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -9,7 +11,9 @@
 
 #include "support/Debug.h"
 #include "support/Failure.h"
+#include "support/OwnFolder.h"
 #include "support/Tools.h"
+#include "support/UniqueFd.h"
 
 namespace keywarden {
 
@@ -22,6 +26,14 @@ constexpr const char* kEndCertificate = "-----END CERTIFICATE-----";
 struct CloseFolder {
     void operator()(DIR* folder) const { ::closedir(folder); }
 };
+
+// What is then written into the new folder must not go with it in a power cut.
+void syncParentOf(const std::string& path) {
+    const std::string folder = path.substr(0, path.find_last_not_of('/') + 1);
+    const UniqueFd parent(::open(folderOfPath(folder).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (parent)
+        ::fsync(parent.get());
+}
 
 bool skipToCertificate(std::istream& file) {
     for (std::string line; std::getline(file, line);)
@@ -42,6 +54,8 @@ void Tools::createDirectory(const std::string& path, unsigned mode) {
     if (!existing) {
         if (::mkdir(path.c_str(), static_cast<mode_t>(mode)) != 0)
             debugTrace("Impossible to create " + path);
+        else
+            syncParentOf(path);
         return;
     }
     try {
