@@ -15,8 +15,6 @@ namespace keywarden {
 
 namespace {
 
-constexpr unsigned kNoTimeOut = 0;
-
 std::string joined(const std::vector<std::string>& words) {
     std::string text;
     for (const std::string& word : words)
@@ -26,8 +24,9 @@ std::string joined(const std::vector<std::string>& words) {
 
 }  // namespace
 
-BinaryServiceCallbacks::BinaryServiceCallbacks(const std::string& serviceId, const std::string& scriptPath)
-    : serviceId_(serviceId), script_(scriptPath) {
+BinaryServiceCallbacks::BinaryServiceCallbacks(const std::string& serviceId, const std::string& scriptPath,
+                                               std::uint32_t timeoutSeconds)
+    : serviceId_(serviceId), script_(scriptPath), timeoutSeconds_(timeoutSeconds) {
     const std::string subject = "The callback " + scriptPath + " for the service " + serviceId;
     if (!Tools::fileExist(scriptPath))
         throw std::runtime_error(subject + " doesn't exist");
@@ -81,16 +80,19 @@ void BinaryServiceCallbacks::run(const std::vector<std::string>& event, Trace tr
     const std::string subject = "The callback " + script_ + " for the service " + serviceId_;
     std::vector<std::string> arguments{script_, serviceId_};
     arguments.insert(arguments.end(), event.begin(), event.end());
+    const std::string failed = subject + " failed for the event '" + joined(event) + "': ";
     try {
-        zlk::Exec script(arguments, kNoTimeOut);
+        zlk::Exec script(arguments, timeoutSeconds_);
         if (trace == Trace::Yes) {
             debugTrace(script.standardOutput().str());
             debugTrace(script.standardError().str());
         }
         // For whoever looks after the script: nothing here depends on how it ended.
         if (const std::string failure = script.failureText(); !failure.empty())
-            Log::write(SeverityWarning,
-                       subject + " failed for the event '" + joined(event) + "': " + failure);
+            Log::write(SeverityWarning, failed + failure);
+    } catch (const zlk::ExecTimeout&) {
+        Log::write(SeverityError, failed + "it did not end within " + std::to_string(timeoutSeconds_) +
+                                      " seconds and was killed");
     } catch (...) {
         Log::write(SeverityError, subject + " could not be run: " + Failure::current().text());
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -7,11 +8,14 @@
 
 namespace keywarden {
 
-/// Runs the owner's script for every event and waits for its end. Events never throw.
+/// Runs the owner's script for every event and waits for its end. Events never throw: what the script did
+/// wrong is logged.
 class BinaryServiceCallbacks : public ServiceCallbacks {
   public:
-    /// Throws std::runtime_error unless the script exists and may be executed.
-    BinaryServiceCallbacks(const std::string& serviceId, const std::string& scriptPath);
+    /// After `timeoutSeconds` a run is killed, its background processes included; 0 is no time-out. Throws
+    /// std::runtime_error unless the script exists and may be executed.
+    BinaryServiceCallbacks(const std::string& serviceId, const std::string& scriptPath,
+                           std::uint32_t timeoutSeconds = 0);
 
     void started() override;
     void stopped() override;
@@ -28,6 +32,7 @@ class BinaryServiceCallbacks : public ServiceCallbacks {
 
     std::string serviceId_;
     std::string script_;
+    std::uint32_t timeoutSeconds_;
 };
 
 }  // namespace keywarden

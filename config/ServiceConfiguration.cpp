@@ -10,6 +10,7 @@
 #include "daemon/DaemonConfiguration.h"
 #include "support/Debug.h"
 #include "support/Failure.h"
+#include "support/Log.h"
 #include "support/Tools.h"
 
 namespace keywarden {
@@ -100,6 +101,22 @@ void ServiceConfiguration::readOwner(const ConfigValues& values) {
     managementGroup_ = values.text("managmentGroup");
     callbackScript_ = values.text("callbackScript");
     callbackLibrary_ = values.text("callbackLibrary");
+    readCallbackTimeout(values);
+}
+
+// A service is worth more than this setting: one that makes no sense is said so and left aside.
+void ServiceConfiguration::readCallbackTimeout(const ConfigValues& values) {
+    static const std::string kKey = "callbackTimeoutSecs";
+    callbackTimeout_ = 0;
+    if (!values.has(kKey))
+        return;
+    const std::int32_t seconds = values.positiveNumber(kKey, 0);
+    if (seconds >= 1 && static_cast<std::uint32_t>(seconds) <= kSecondsPerDay)
+        callbackTimeout_ = static_cast<std::uint32_t>(seconds);
+    else
+        Log::write(SeverityError, "Invalid config parameter: callbackTimeoutSecs of the service " +
+                                      serviceId_ + " should be from 1 to " + std::to_string(kSecondsPerDay) +
+                                      ". Its callback has no time-out.");
 }
 
 void ServiceConfiguration::readDailyExpiryCheck(const ConfigValues& values) {

@@ -37,6 +37,8 @@ class ServiceConfiguration {
     [[nodiscard]] const std::string& getKeyGroup() const { return keyGroup_; }
     [[nodiscard]] const std::string& getCallbackScript() const { return callbackScript_; }
     [[nodiscard]] const std::string& getCallbackLibrary() const { return callbackLibrary_; }
+    /// Seconds after which a run of the callback script is ended, 1 to 86400; 0: never.
+    [[nodiscard]] std::uint32_t getCallbackTimeoutSecs() const { return callbackTimeout_; }
     [[nodiscard]] bool isServer() const { return server_; }
     [[nodiscard]] bool isCA() const { return ca_; }
     [[nodiscard]] bool isTrustedClients() const { return trustedClients_; }
@@ -79,6 +81,7 @@ class ServiceConfiguration {
   private:
     // The steps of reload(), in their order.
     void readOwner(const ConfigValues& values);
+    void readCallbackTimeout(const ConfigValues& values);
     void readDailyExpiryCheck(const ConfigValues& values);
     void readRequestSettings(const ConfigValues& values);
     void readSelfSigned(const ConfigValues& values);
@@ -93,6 +96,7 @@ class ServiceConfiguration {
     std::string keyGroup_;
     std::string callbackScript_;
     std::string callbackLibrary_;
+    std::uint32_t callbackTimeout_ = 0;
     bool server_ = false;
     bool ca_ = false;
     bool trustedClients_ = false;

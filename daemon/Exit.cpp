@@ -28,6 +28,7 @@ namespace {
 
 // As system(3) does it, but with SIGINT and SIGQUIT left as they are: system ignores them meanwhile, and so
 // throws away the one that asks the daemon to stop.
+// cppcheck-suppress passedByValue ; the argument list wants a text that may be written to
 bool runCommand(std::string command) {
     posix_spawnattr_t attributes;
     ::posix_spawnattr_init(&attributes);
@@ -35,11 +36,15 @@ bool runCommand(std::string command) {
     ::sigemptyset(&none);
     ::posix_spawnattr_setsigmask(&attributes, &none);
     ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
     std::string shell = "sh";
     std::string option = "-c";
     const std::array<char*, 4> arguments{shell.data(), option.data(), command.data(), nullptr};
     pid_t pid = -1;
-    errno = ::posix_spawn(&pid, "/bin/sh", nullptr, &attributes, arguments.data(), environ);
+    errno = ::posix_spawn(&pid, "/bin/sh", &actions, &attributes, arguments.data(), environ);
+    ::posix_spawn_file_actions_destroy(&actions);
     ::posix_spawnattr_destroy(&attributes);
     if (pid < 0)
         return false;

@@ -53,6 +53,8 @@ void becomeUser(const std::string& user) {
     if (!groups.empty())
         report(::setgroups(groups.size(), groups.data()),
                "Failed to set groups ID, err: ", " -> Set Groups done.");
+    else if (::setgroups(0, nullptr) != 0)  // those of root must not stay
+        Log::write(SeverityError, std::string("Failed to set groups ID, err: ") + std::strerror(errno));
     if (const auto gid = groupIdOf(user))
         report(::setregid(*gid, *gid), "Failed to set group ID, err: ", " -> Set main group done.");
     if (const auto uid = userIdOf(user))

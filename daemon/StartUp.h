@@ -31,8 +31,17 @@ void prepareDirectories();
 /// Runs the rest of the start-up; what escapes it is logged and ends the process with code 12.
 void runGuarded(const std::function<void()>& rest);
 
+/// While the process is root: no program that it runs later can get a capability any more. Left alone where
+/// the daemon user is root. A failure is only logged.
+void limitCapabilities();
+
 /// Writes the pid file and becomes the daemon user. Throws KeywardenDaemonException.
 void initDaemon();
+
+/// After that: no capability (unless the process is still root), no new privileges for it and for what it
+/// runs, and no core dump of it, nor a look into its memory by other processes of its user. Before the first
+/// thread: each has its own privileges. Failures are only logged.
+void giveUpPrivileges();
 
 /// The platform script must be executable by now. Never returns on failure.
 void checkNetworkScript();

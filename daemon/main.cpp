@@ -10,7 +10,9 @@ using namespace keywarden;
 namespace {
 
 void runDaemon() {
+    limitCapabilities();
     initDaemon();
+    giveUpPrivileges();
     checkNetworkScript();
     createFileArchitecture();
     const std::vector<std::string> names = orderedServiceNames();

@@ -89,7 +89,8 @@ void Service::load() {
 
 void Service::loadCallbacks() {
     if (!getCallbackScript().empty())
-        callbacks_ = std::make_shared<BinaryServiceCallbacks>(getServiceId(), getCallbackScript());
+        callbacks_ = std::make_shared<BinaryServiceCallbacks>(getServiceId(), getCallbackScript(),
+                                                              getCallbackTimeoutSecs());
     else if (!getCallbackLibrary().empty())
         callbacks_ = std::make_shared<LibraryWrapperServiceCallbacks>(getServiceId(), getCallbackLibrary());
     else

@@ -72,6 +72,11 @@ class Service : public ServiceConfiguration {
     /// lock it holds stay.
     enum class Stop { ForGood, ForReload };
 
+    struct Request {
+        std::string text;
+        bool overdue = false;  ///< its writer was given up before it had ended
+    };
+
     void loadCallbacks();
     void preparePipesDirectory();
     void checkServiceConfig() const;
@@ -102,9 +107,9 @@ class Service : public ServiceConfiguration {
     void makeLockFile(const std::string& path) const;
     static void* commandLineAnalyser(void* service);
     void readRequests();
-    [[nodiscard]] bool readRequest(FifoReader& reader, std::string& request) const;
-    void answerRequest(const std::string& request);
-    [[nodiscard]] std::optional<Answer> processRequest(const std::string& request);
+    [[nodiscard]] bool readRequest(FifoReader& reader, Request& request) const;
+    void answerRequest(const Request& request);
+    [[nodiscard]] std::optional<Answer> processRequest(const Request& request);
     void respond(int code, const std::string& text, std::int64_t patienceMilliseconds) const;
     void releaseRequesterLock() const;
 

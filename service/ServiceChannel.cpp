@@ -32,14 +32,18 @@ constexpr mode_t kInputMode = 0720;
 constexpr mode_t kLockMode = 0760;
 constexpr std::size_t kChunk = 1023;
 constexpr std::size_t kLongestRequest = 65536;
+// A requester that opens the input fifo and hangs would otherwise keep the channel from all others.
+constexpr FifoLimits kRequestLimits{10000, 60000};
 constexpr std::int64_t kPatienceMilliseconds = 30000;
 constexpr std::int64_t kPatienceAtTheEndMilliseconds = 1000;
 constexpr int kYields = 4;
 constexpr std::int64_t kLongestRetryMilliseconds = 20;
 
-bool isFifo(int descriptor) {
+// An input fifo that somebody moved to the place of an output would make requests of answers, without end.
+bool isRequestersFifo(int descriptor) {
     struct stat info {};
-    return ::fstat(descriptor, &info) == 0 && S_ISFIFO(info.st_mode);
+    return ::fstat(descriptor, &info) == 0 && S_ISFIFO(info.st_mode) &&
+           !(info.st_uid == ::geteuid() && (info.st_mode & 07777U) == kInputMode);
 }
 
 // Opening one fails like opening a fifo without a reader. Leaves errno as that failure set it.
@@ -103,7 +107,7 @@ UniqueFd openForAnswer(const std::string& path, const Patience& patience) {
     std::int64_t wait = 1;
     for (int attempt = 0;; ++attempt) {
         UniqueFd output(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
-        if (output && !isFifo(output.get())) {
+        if (output && !isRequestersFifo(output.get())) {
             errno = EINVAL;
             output.reset();
         } else if (output && !awaited.isThis(output.get())) {
@@ -237,32 +241,33 @@ void* Service::commandLineAnalyser(void* service) {
 void Service::readRequests() {
     Log::open();
     Log::write(SeverityInfo, "Entering the command line analyzer for service " + getServiceId());
-    FifoReader reader(inputPath(), kInputMode, getManagementGroup());
+    FifoReader reader(inputPath(), kInputMode, getManagementGroup(), kRequestLimits);
     bool usable = reader.open();
     while (usable) {
-        std::string request;
+        Request request;
         usable = readRequest(reader, request);
-        debugTrace("Received: " + request);
-        if (!request.empty())
+        debugTrace("Received: " + request.text);
+        if (!request.text.empty())
             answerRequest(request);
     }
     Log::write(SeverityError, "Error during opening file: " + inputPath() +
                                   ". Hence, exiting the command analyzer for service: " + getServiceId());
 }
 
-bool Service::readRequest(FifoReader& reader, std::string& request) const {
+bool Service::readRequest(FifoReader& reader, Request& request) const {
     std::array<char, kChunk> chunk;
     for (;;) {
         const ssize_t count = reader.read(chunk.data(), chunk.size());
+        request.overdue = count == FifoReader::kOverdue;
         if (count <= 0)
-            return count == 0;
+            return count == 0 || request.overdue;
         // One byte over the limit is kept, so that the request is seen to be too long.
-        const std::size_t room = kLongestRequest + 1 - request.size();
-        request.append(chunk.data(), std::min(static_cast<std::size_t>(count), room));
+        const std::size_t room = kLongestRequest + 1 - request.text.size();
+        request.text.append(chunk.data(), std::min(static_cast<std::size_t>(count), room));
     }
 }
 
-void Service::answerRequest(const std::string& request) {
+void Service::answerRequest(const Request& request) {
     std::optional<Answer> answer;
     Cancellation::lock(serviceMutex_);
     {
@@ -273,12 +278,15 @@ void Service::answerRequest(const std::string& request) {
         sendResponse(answer->code, answer->text);
 }
 
-std::optional<Answer> Service::processRequest(const std::string& request) {
+std::optional<Answer> Service::processRequest(const Request& request) {
     try {
-        if (request.size() > kLongestRequest)
+        if (request.text.size() > kLongestRequest)
             throw std::runtime_error("Bad format for command. The request is longer than " +
                                      std::to_string(kLongestRequest) + " bytes.");
-        Commands command(request);
+        // What came may look like a whole command and be the beginning of another one.
+        if (request.overdue)
+            throw std::runtime_error("Bad format for command. The request was not ended in time.");
+        Commands command(request.text);
         return execCmd(command);
     } catch (...) {
         const Failure failure = Failure::current();

@@ -261,8 +261,8 @@ void Exec::run(const std::vector<std::string>& arguments, const std::string& inp
     output_.str(output.kept);
     error_.str(error.kept);
     if (running.timedOut())
-        throw std::runtime_error(program_ + " did not end within " + std::to_string(timeoutSeconds) +
-                                 " seconds and was killed");
+        throw ExecTimeout(program_ + " did not end within " + std::to_string(timeoutSeconds) +
+                          " seconds and was killed");
 }
 
 std::stringstream& Exec::wholeOutput() {

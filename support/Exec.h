@@ -2,10 +2,17 @@
 
 #include <iosfwd>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace zlk {
+
+/// A program that was killed at its time-out.
+class ExecTimeout : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
 
 /// Runs a program to its end. A device may bring a platform library with a class of this name and shape; it
 /// replaces this one at link time.
@@ -18,8 +25,8 @@ namespace zlk {
 class Exec {
   public:
     /// arguments[0] is the program's path. timeoutSeconds 0 is no time-out.
-    /// Runs the program before it returns. Throws std::runtime_error when the program cannot be started or
-    /// was killed at the time-out.
+    /// Runs the program before it returns. Throws ExecTimeout when it was killed at the time-out, another
+    /// std::runtime_error when it cannot be started.
     Exec(const std::vector<std::string>& arguments, unsigned timeoutSeconds);
     /// The same with a text on the program's standard input (otherwise /dev/null).
     Exec(const std::vector<std::string>& arguments, const std::string& input, unsigned timeoutSeconds);

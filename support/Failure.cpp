@@ -16,6 +16,7 @@ Failure Failure::current() {
         }
     };
     try {
+        // cppcheck-suppress rethrowNoCurrentException ; called inside a handler only, as the header says
         throw;
     } catch (const KeywardenDaemonException& error) {
         take(Kind::Daemon, error.what());

@@ -4,12 +4,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <limits>
 #include <utility>
 
 #include "support/Accounts.h"
 #include "support/Cancellation.h"
+#include "support/Clock.h"
 #include "support/Log.h"
+#include "support/Tools.h"
 
 namespace keywarden {
 
@@ -17,6 +22,7 @@ namespace {
 
 constexpr int kAttempts = 3;
 constexpr std::int64_t kBackOffMilliseconds = 500;
+constexpr unsigned kRandomNameLength = 8;
 
 // Says nothing against the fifo: it is there, only this process has no room to open it.
 bool isScarcity(int error) {
@@ -25,8 +31,8 @@ bool isScarcity(int error) {
 
 }  // namespace
 
-FifoReader::FifoReader(std::string path, mode_t mode, std::string group)
-    : path_(std::move(path)), mode_(mode), group_(std::move(group)) {}
+FifoReader::FifoReader(std::string path, mode_t mode, std::string group, FifoLimits limits)
+    : path_(std::move(path)), mode_(mode), group_(std::move(group)), limits_(limits) {}
 
 bool FifoReader::make(const std::string& path, mode_t mode, const std::string& group) {
     if (::mkfifo(path.c_str(), mode) != 0)
@@ -52,8 +58,8 @@ bool FifoReader::setMode(const std::string& path, mode_t mode) {
            ::fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
-UniqueFd FifoReader::openEnd() const {
-    UniqueFd end(::open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
+UniqueFd FifoReader::openEnd(const std::string& path) {
+    UniqueFd end(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
     struct stat info {};
     if (end && (::fstat(end.get(), &info) != 0 || !S_ISFIFO(info.st_mode))) {
         end.reset();
@@ -64,7 +70,7 @@ UniqueFd FifoReader::openEnd() const {
 
 bool FifoReader::open() {
     for (int attempt = 1;; ++attempt) {
-        UniqueFd next = openEnd();
+        UniqueFd next = openEnd(path_);
         if (next) {
             end_ = std::move(next);
             return true;
@@ -89,12 +95,15 @@ ssize_t FifoReader::read(char* buffer, std::size_t capacity) {
     // end and the opening of this read end, only the text is reported.
     bool waits = !inText_;
     for (;;) {
+        const std::int64_t left = millisecondsLeft();
+        if (left == 0)
+            return leaveWriterBehind();
         pollfd waiting{end_.get(), POLLIN, 0};
-        if (Cancellation::poll(&waiting, 1, waits ? -1 : 0) < 0 && errno == EINTR)
+        if (Cancellation::poll(&waiting, 1, waits ? static_cast<int>(left) : 0) < 0 && errno == EINTR)
             continue;
         const ssize_t count = ::read(end_.get(), buffer, capacity);
         if (count > 0) {
-            inText_ = true;
+            noteText();
             return count;
         }
         if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
@@ -104,6 +113,51 @@ ssize_t FifoReader::read(char* buffer, std::size_t capacity) {
         inText_ = false;
         return open() ? 0 : -1;
     }
+}
+
+// Until a limit is reached, at most what poll(2) takes; -1 when none is running.
+std::int64_t FifoReader::millisecondsLeft() const {
+    constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
+    const auto endOf = [](std::int64_t limit, std::int64_t begin) {
+        return limit == FifoLimits::kUnlimited ? kNever : begin + limit;
+    };
+    const std::int64_t end = std::min(endOf(limits_.silence, lastByteAt_), endOf(limits_.text, firstByteAt_));
+    if (!inText_ || end == kNever)
+        return -1;
+    const std::int64_t most = std::numeric_limits<int>::max();
+    return std::clamp<std::int64_t>(end - Clock::monotonicMilliseconds(), 0, most);
+}
+
+void FifoReader::noteText() {
+    lastByteAt_ = Clock::monotonicMilliseconds();
+    if (!inText_)
+        firstByteAt_ = lastByteAt_;
+    inText_ = true;
+}
+
+ssize_t FifoReader::leaveWriterBehind() {
+    Log::write(SeverityError,
+               "A writer holds the fifo " + path_ + " and does not end its text. Making it again.");
+    inText_ = false;
+    if (!replace())
+        Log::write(SeverityError, "The fifo " + path_ + " could not be made again: " + std::strerror(errno));
+    return kOverdue;
+}
+
+// A name that nobody can have taken before: others may write the folder.
+bool FifoReader::replace() {
+    const std::string fresh = path_ + "." + Tools::getRandomName(kRandomNameLength);
+    UniqueFd next;
+    if (make(fresh, mode_, group_))
+        next = openEnd(fresh);
+    if (next && ::rename(fresh.c_str(), path_.c_str()) == 0) {
+        end_ = std::move(next);
+        return true;
+    }
+    const int reason = errno;
+    ::unlink(fresh.c_str());
+    errno = reason;
+    return false;
 }
 
 }  // namespace keywarden

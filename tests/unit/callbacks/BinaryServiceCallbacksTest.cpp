@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <limits>
 #include <memory>
 #include <stdexcept>
@@ -156,6 +157,33 @@ TEST_F(BinaryCallbacks, ScriptThatWentAwayIsAnErrorAndNoException) {
         (std::vector<testsupport::LogLine>{
             {SeverityError, "The callback " + script_ + " for the service web could not be run: Cannot run " +
                                 script_ + ": No such file or directory"}}));
+}
+
+TEST_F(BinaryCallbacks, ScriptThatExceedsItsTimeIsEndedWithItsChildrenAndAnError) {
+    sandbox_.write("owner.sh", "#!/bin/sh\nsleep 300 &\necho $! > '" + record() + "'\nsleep 300\n", 0755);
+    BinaryServiceCallbacks limited("web", script_, 1);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_NO_THROW(limited.newGeneratedCertificate("3a5f09c1.0"));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(999));
+    EXPECT_EQ(CapturedLog::lines(),
+              (std::vector<testsupport::LogLine>{
+                  {SeverityError,
+                   "The callback " + script_ +
+                       " for the service web failed for the event 'server new 3a5f09c1.0': it did not "
+                       "end within 1 seconds and was killed"}}));
+    // A killed process whose new parent has not looked after it yet is no living one.
+    const std::string state = "/proc/" + std::to_string(std::stoi(recorded())) + "/stat";
+    for (int i = 0;
+         i < 1000 && Sandbox::exists(state) && Sandbox::read(state).find(") Z ") == std::string::npos; ++i)
+        ::usleep(5000);
+    EXPECT_TRUE(!Sandbox::exists(state) || Sandbox::read(state).find(") Z ") != std::string::npos);
+}
+
+TEST_F(BinaryCallbacks, ScriptWithinItsTimeIsNoTrouble) {
+    BinaryServiceCallbacks limited("web", script_, 86400);
+    limited.started();
+    EXPECT_EQ(recorded(), "[web][start]\n");
+    EXPECT_TRUE(CapturedLog::lines().empty()) << CapturedLog::dump();
 }
 
 TEST_F(BinaryCallbacks, EventWaitsForTheScriptToEnd) {

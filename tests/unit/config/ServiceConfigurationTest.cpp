@@ -8,12 +8,14 @@
 #include <stdexcept>
 
 #include "support/Debug.h"
+#include "testsupport/CapturedLog.h"
 #include "testsupport/Child.h"
 #include "testsupport/TestDevice.h"
 
 namespace {
 
 using keywarden::ServiceConfiguration;
+using testsupport::CapturedLog;
 using testsupport::TestDevice;
 using Names = std::vector<std::string>;
 
@@ -66,9 +68,38 @@ TEST(ServiceConfiguration, OnlyCnfFileLoadsWithDefaults) {
     EXPECT_EQ(web.getCASignedValidity(), 30);
     EXPECT_EQ(web.getCASignedValidityOffset(), 0);
     EXPECT_EQ(web.getCertDailyExpiryChkTimeOffsetSecs(), 0U);
+    EXPECT_EQ(web.getCallbackTimeoutSecs(), 0U);
     EXPECT_EQ(web.getMaximumCA(), 0);
     EXPECT_EQ(web.getMaximumTrustedClients(), 0);
     EXPECT_EQ(web.getNetworkInterfaceList(), Names{});
+}
+
+TEST(ServiceConfiguration, CallbackTimeOutIsTakenFromOneSecondToOneDay) {
+    CapturedLog::clear();
+    for (const std::uint32_t seconds : {1U, 60U, 86400U})
+        EXPECT_EQ(
+            load(kMinimal + "callbackTimeoutSecs " + std::to_string(seconds) + "\n").getCallbackTimeoutSecs(),
+            seconds);
+    EXPECT_EQ(CapturedLog::dump(), "");
+}
+
+TEST(ServiceConfiguration, CallbackTimeOutThatMakesNoSenseIsNoneAndSaidSo) {
+    for (const char* value : {"0", "-1", "86401", "5000000000", "99999999999999999999", "soon", "\x01\xff"}) {
+        CapturedLog::clear();
+        EXPECT_EQ(load(kMinimal + "callbackTimeoutSecs " + value + "\n").getCallbackTimeoutSecs(), 0U)
+            << value;
+        EXPECT_EQ(
+            CapturedLog::dump(),
+            "3 Invalid config parameter: callbackTimeoutSecs of the service web should be from 1 to 86400. "
+            "Its callback has no time-out.\n")
+            << value;
+    }
+}
+
+TEST(ServiceConfiguration, ReloadForgetsACallbackTimeOutThatIsGone) {
+    ServiceConfiguration web = load(kMinimal + "callbackTimeoutSecs 5\n");
+    EXPECT_EQ(reloadFailure(web, kMinimal), "(none)");
+    EXPECT_EQ(web.getCallbackTimeoutSecs(), 0U);
 }
 
 TEST(ServiceConfiguration, TextsAreTakenAsTheyStand) {

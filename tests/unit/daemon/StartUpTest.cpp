@@ -6,12 +6,15 @@
 #include <linux/capability.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
+#include <initializer_list>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
@@ -65,13 +68,14 @@ void becomeNobodyForGood() {
         throw std::runtime_error("cannot become nobody");
 }
 
-// Root that may do all but this.
-void giveUpChangingIdentity() {
+// Root that may do all but these.
+void giveUp(std::initializer_list<unsigned> capabilities) {
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct data[2]{};
     if (::syscall(SYS_capget, &header, data) != 0)
         throw std::runtime_error("no capabilities to give up");
-    data[0].effective &= ~((1U << CAP_SETUID) | (1U << CAP_SETGID));
+    for (const unsigned capability : capabilities)
+        data[0].effective &= ~(1U << capability);
     if (::syscall(SYS_capset, &header, data) != 0)
         throw std::runtime_error("capabilities cannot be given up");
 }
@@ -432,7 +436,7 @@ TEST_F(IdentityDeathTest, EveryStepThatFailsIsLoggedAndNoneIsFatal) {
     EXPECT_EXIT(
         {
             configureDaemon("daemon", "kwkeys");
-            giveUpChangingIdentity();
+            giveUp({CAP_SETUID, CAP_SETGID});
             keywarden::gDebug = true;
             CapturedLog::clear();
             keywarden::initDaemon();
@@ -458,6 +462,74 @@ TEST_F(IdentityDeathTest, PidFileBelongsToTheDaemonUser) {
             std::exit(0);
         },
         testing::ExitedWithCode(0), HasSubstr("0664 daemon daemon\n"));
+}
+
+class PrivilegesDeathTest : public FreshDaemonTest {
+  protected:
+    /// The lines of /proc/self/status about what the process may, and whether it may be dumped.
+    static std::string privileges() {
+        std::ifstream status("/proc/self/status");
+        std::string text;
+        for (std::string line; std::getline(status, line);) {
+            if (line.rfind("Cap", 0) == 0 || line.rfind("NoNewPrivs", 0) == 0)
+                text += line + "\n";
+        }
+        return text + "dumpable " + std::to_string(::prctl(PR_GET_DUMPABLE)) + "\n";
+    }
+};
+
+TEST_F(PrivilegesDeathTest, NothingIsLeftOfRoot) {
+    EXPECT_EXIT(
+        {
+            configureDaemon("daemon", "kwkeys");
+            CapturedLog::clear();
+            keywarden::limitCapabilities();
+            keywarden::initDaemon();
+            keywarden::giveUpPrivileges();
+            std::cerr << privileges() << "log:\n" << CapturedLog::dump() << "end\n";
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0),
+        HasSubstr("CapInh:\t0000000000000000\nCapPrm:\t0000000000000000\nCapEff:\t0000000000000000\n"
+                  "CapBnd:\t0000000000000000\nCapAmb:\t0000000000000000\nNoNewPrivs:\t1\ndumpable 0\n"
+                  "log:\nend\n"));
+}
+
+TEST_F(PrivilegesDeathTest, BoundingSetThatMayNotBeEmptiedIsLoggedAndNotFatal) {
+    EXPECT_EXIT(
+        {
+            configureDaemon("daemon", "kwkeys");
+            giveUp({CAP_SETPCAP});
+            CapturedLog::clear();
+            keywarden::limitCapabilities();
+            keywarden::initDaemon();
+            keywarden::giveUpPrivileges();
+            std::cerr << privileges() << "log:\n" << CapturedLog::dump() << "end\n";
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0),
+        AllOf(HasSubstr("CapEff:\t0000000000000000\n"), Not(HasSubstr("CapBnd:\t0000000000000000\n")),
+              HasSubstr("NoNewPrivs:\t1\ndumpable 0\nlog:\n"
+                        "3 Failed to empty the bounding set of capabilities, err: Operation not permitted\n"
+                        "end\n")));
+}
+
+TEST_F(PrivilegesDeathTest, RootAsTheDaemonUserKeepsItsCapabilities) {
+    EXPECT_EXIT(
+        {
+            const std::string before = privileges();
+            CapturedLog::clear();
+            keywarden::limitCapabilities();
+            keywarden::giveUpPrivileges();
+            const std::string after = privileges();
+            const auto capabilities = [](const std::string& all) { return all.substr(0, all.find("NoNew")); };
+            std::cerr << (capabilities(before) == capabilities(after) ? "kept" : before + after) << "\n"
+                      << after << "log:\n"
+                      << CapturedLog::dump() << "end\n";
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0),
+        AllOf(HasSubstr("kept\n"), HasSubstr("NoNewPrivs:\t1\ndumpable 0\nlog:\nend\n")));
 }
 
 class Script : public DaemonTest {};

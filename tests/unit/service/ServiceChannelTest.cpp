@@ -1,6 +1,7 @@
 // The pipes of a service: files, requests, answers.
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -183,6 +184,31 @@ TEST_F(ServiceChannel, LongestRequestIsTakenAndALongerOneIsRefused) {
     EXPECT_EQ(askStatus(), "0 running");
 }
 
+TEST_F(ServiceChannel, RequestThatIsNotEndedInTimeIsRefusedAndTheNextIsServed) {
+    run();
+    const std::string text = "Bad format for command. The request was not ended in time.";
+    UniqueFd hung(::open(requester().input().c_str(), O_WRONLY | O_CLOEXEC));
+    const std::string half = request("config", "status");
+    ASSERT_EQ(::write(hung.get(), half.data(), half.size()), static_cast<ssize_t>(half.size()));
+    ASSERT_TRUE(becomes([&hung] {
+        int unread = 1;
+        return ::ioctl(hung.get(), FIONREAD, &unread) == 0 && unread == 0;
+    }));
+    Requester waiting(id);
+    waiting.makeOutput();
+    waiting.openOutput();
+    TestClock::passMonotonic(60000);
+    ASSERT_EQ(::write(hung.get(), "\t", 1), 1);
+    EXPECT_EQ(waiting.receive(), "4 " + text);
+    waiting.leave();
+    EXPECT_TRUE(CapturedLog::contains(
+        SeverityError,
+        "std::exception caught while creating command structure for service '" + id + "' " + text))
+        << CapturedLog::dump();
+    EXPECT_EQ(askStatus(), "0 running");
+    EXPECT_EQ(rightsOf(requester().input()), "0720 kwmanage");
+}
+
 TEST_F(ServiceChannel, RequestMayHoldAnyByte) {
     run();
     EXPECT_EQ(ask(std::string("a\0b\t\xff\tconfig\tstatus", 19)), "0 running");
@@ -306,6 +332,21 @@ TEST_F(ServiceChannel, RegularFileInThePlaceOfTheOutputIsNotWritten) {
     EXPECT_FALSE(CapturedLog::contains(SeverityWarning, left()));
 }
 
+TEST_F(ServiceChannel, InputInThePlaceOfTheOutputIsNotAnswered) {
+    run();
+    std::filesystem::create_hard_link(requester().input(), requester().output());
+    CapturedLog::clear();
+    ASSERT_TRUE(requester().send("no command"));
+    ASSERT_TRUE(requester().send("another"));
+    const std::string refusal = "std::exception caught while creating command structure for service '" + id +
+                                "' Bad format for command.";
+    EXPECT_TRUE(becomes([&refusal] { return CapturedLog::count(SeverityError, refusal) >= 1; }));
+    std::filesystem::remove(requester().output());
+    EXPECT_EQ(askStatus(), "0 running");
+    // Two requests, or one text of both; no answer came back as a third.
+    EXPECT_LE(CapturedLog::count(SeverityError, refusal), 2U) << CapturedLog::dump();
+}
+
 TEST_F(ServiceChannel, LinkInThePlaceOfTheOutputIsNotFollowed) {
     run();
     const std::string victim = sandbox().write("victim", "keep me");
@@ -360,7 +401,13 @@ TEST_F(ServiceChannel, ReaderThatLeavesInTheMiddleIsLogged) {
     reading.makeOutput();
     reading.openOutput();
     std::thread answering([&] { service().sendResponse(3, text); });
-    std::this_thread::sleep_for(Milliseconds(30));  // the pipe is full by then
+    {
+        const UniqueFd pipe(::open(reading.output().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        EXPECT_TRUE(becomes([&pipe] {
+            int unread = 0;
+            return ::ioctl(pipe.get(), FIONREAD, &unread) == 0 && unread > 0;
+        }));
+    }
     reading.leave();
     answering.join();
     EXPECT_TRUE(CapturedLog::contains(SeverityError, "Error during communication of: 3 " + text));

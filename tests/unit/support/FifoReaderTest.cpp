@@ -13,6 +13,7 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <iterator>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -28,6 +29,7 @@
 
 namespace {
 
+using keywarden::FifoLimits;
 using keywarden::FifoReader;
 using keywarden::groupIdOf;
 using keywarden::SeverityError;
@@ -290,11 +292,132 @@ TEST_F(FifoReaderTest, ShortageOfDescriptorsIsNoReasonToMakeItAgain) {
     EXPECT_EQ(look().st_ino, before);
 }
 
+/// A reader that leaves writers behind; times in milliseconds.
+class LimitedFifoReaderTest : public FifoReaderTest {
+  protected:
+    static constexpr std::int64_t kNever = FifoLimits::kUnlimited;
+
+    ssize_t readOnce() {
+        std::array<char, 64> chunk{};
+        return limited.read(chunk.data(), chunk.size());
+    }
+
+    void setLimits(std::int64_t silence, std::int64_t text) {
+        limited = FifoReader(path, kMode, kGroup, {silence, text});
+        ASSERT_TRUE(limited.open());
+    }
+
+    /// Later writers are read as before, and nothing else was left in the folder.
+    void expectFreshFifo(ino_t before) {
+        EXPECT_NE(look().st_ino, before);
+        EXPECT_EQ(look().st_mode, S_IFIFO | 0720U);
+        EXPECT_EQ(look().st_gid, groupIdOf(kGroup));
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(sandbox.path()), {}), 1);
+        EXPECT_TRUE(write("next"));
+        EXPECT_EQ(readText(limited), "next");
+    }
+
+    [[nodiscard]] std::string leftBehind() const {
+        return "A writer holds the fifo " + path + " and does not end its text. Making it again.";
+    }
+
+    FifoReader limited{path, kMode, kGroup, {100, kNever}};
+};
+
+TEST_F(LimitedFifoReaderTest, SilentWriterIsLeftBehindWithTheNextText) {
+    setLimits(100, kNever);
+    const ino_t before = look().st_ino;
+    const UniqueFd hung = writer();
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(write("whole"));
+    EXPECT_EQ(readOnce(), 5);
+    EXPECT_EQ(readOnce(), FifoReader::kOverdue);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, Milliseconds(99));
+    expectFreshFifo(before);
+    EXPECT_EQ(::write(hung.get(), "x", 1), -1);
+    EXPECT_EQ(errno, EPIPE);
+    EXPECT_EQ(CapturedLog::dump(), "3 " + leftBehind() + "\n");
+}
+TEST_F(LimitedFifoReaderTest, WriterThatHangsInItsTextIsLeftBehind) {
+    setLimits(100, kNever);
+    const ino_t before = look().st_ino;
+    const UniqueFd hung = writer();
+    ASSERT_EQ(::write(hung.get(), "half", 4), 4);
+    EXPECT_EQ(readOnce(), 4);
+    EXPECT_EQ(readOnce(), FifoReader::kOverdue);
+    expectFreshFifo(before);
+    EXPECT_EQ(CapturedLog::count(SeverityError, leftBehind()), 1U);
+}
+
+TEST_F(LimitedFifoReaderTest, WriterThatNeverComesToItsEndIsLeftBehind) {
+    for (const auto pause : {Milliseconds(0), Milliseconds(10)}) {
+        setLimits(1000, 200);
+        const ino_t before = look().st_ino;
+        std::atomic<bool> done{false};
+        std::thread dripping([this, &done, pause] {
+            const UniqueFd end = writer();
+            ::fcntl(end.get(), F_SETFL, O_NONBLOCK);
+            while (!done) {
+                static_cast<void>(!::write(end.get(), "x", 1));
+                std::this_thread::sleep_for(pause);
+            }
+        });
+        ssize_t count = 0;
+        do
+            count = readOnce();
+        while (count > 0);
+        EXPECT_EQ(count, FifoReader::kOverdue);
+        expectFreshFifo(before);
+        done = true;
+        dripping.join();
+    }
+}
+
+TEST_F(LimitedFifoReaderTest, WritersWithinTheLimitsAreReadAsEver) {
+    setLimits(300, 2000);
+    const ino_t before = look().st_ino;
+    std::thread writing([this] {
+        // Longer than the limit without any writer.
+        std::this_thread::sleep_for(Milliseconds(400));
+        EXPECT_TRUE(write("first"));
+        const UniqueFd end = writer();
+        for (int part = 0; part < 5; ++part) {
+            std::this_thread::sleep_for(Milliseconds(80));
+            EXPECT_EQ(::write(end.get(), "x", 1), 1);
+        }
+    });
+    std::string all = readText(limited);
+    while (all.size() < 10)
+        all += readText(limited);
+    writing.join();
+    EXPECT_EQ(all, "firstxxxxx");
+    EXPECT_EQ(look().st_ino, before);
+    EXPECT_EQ(CapturedLog::dump(), "");
+}
+
+TEST_F(LimitedFifoReaderTest, FifoThatCannotBeMadeAgainKeepsItsWriter) {
+    setLimits(100, kNever);
+    UniqueFd hung = writer();
+    ASSERT_EQ(::write(hung.get(), "half", 4), 4);
+    std::filesystem::remove(path);
+    std::filesystem::create_directory(path);
+    EXPECT_EQ(readOnce(), 4);
+    EXPECT_EQ(readOnce(), FifoReader::kOverdue);
+    EXPECT_EQ(
+        CapturedLog::count(SeverityError, "The fifo " + path + " could not be made again: Is a directory"),
+        1U);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(sandbox.path()), {}), 1);
+    ASSERT_EQ(::write(hung.get(), "text", 4), 4);
+    EXPECT_EQ(readOnce(), 4);
+    hung.reset();
+    EXPECT_EQ(readOnce(), -1);
+}
+
 // The reader's thread as the daemon stops it.
 void* readForEver(void* argument) {
     keywarden::Cancellation::prepareThread();
     auto& self = *static_cast<std::pair<std::string, std::atomic<long>>*>(argument);
-    FifoReader reader(self.first, kMode, kGroup);
+    FifoReader reader(self.first, kMode, kGroup, {10000, 60000});
     bool usable = reader.open();
     while (usable) {
         std::array<char, 64> chunk{};
