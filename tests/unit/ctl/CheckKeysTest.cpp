@@ -177,6 +177,17 @@ TEST_F(CheckKeys, AValidityBeyondAllCertificatesIsTold) {
                                      "[out-of-range]"));
 }
 
+TEST_F(CheckKeys, ATimeOutThatCannotBeKeptIsTold) {
+    EXPECT_THAT(
+        withServiceLine("callbackTimeoutSecs 86401"),
+        ElementsAre(kLine7 + "error: 'callbackTimeoutSecs' is not from 1 to 86400: '86401' is ignored "
+                             "and the callback has no time-out [ignored-number]"));
+}
+
+TEST_F(CheckKeys, ATimeOutInSecondsIsFine) {
+    EXPECT_THAT(withServiceLine("callbackTimeoutSecs 86400"), ElementsAre());
+}
+
 TEST_F(CheckKeys, NumbersThatArePassedOverAreTold) {
     device.append("services/web.conf", "selfSignedValidity 0");
     device.append("services/web.conf", "CASignedValidityOffset -3");

@@ -78,6 +78,7 @@ const KeyTable& serviceKeys() {
         {"keyGroup"},
         {"callbackScript", kPath},
         {"callbackLibrary", kPath},
+        {"callbackTimeoutSecs"},
         {"server", kSwitch},
         {"ca", kSwitch},
         {"trustedClients", kSwitch},

@@ -66,6 +66,20 @@ void checkDailyOffset(const CheckedFile& file, Report& report) {
                      [&file] { return file.values.number(kKey) < kSecondsPerDay; });
 }
 
+void checkCallbackTimeout(const CheckedFile& file, Report& report) {
+    static const std::string kKey = "callbackTimeoutSecs";
+    if (!file.values.has(kKey))
+        return;
+    const std::int32_t seconds = file.values.positiveNumber(kKey, 0);
+    if (seconds < 1 || seconds > static_cast<std::int32_t>(kSecondsPerDay))
+        report.add(Code::IgnoredNumber, file.at(kKey),
+                   quoted(kKey) + " is not from 1 to 86400: " + quoted(file.values.text(kKey)) +
+                       " is ignored and the callback has no time-out",
+                   "Write a number of seconds.");
+    else
+        checkRest(file, kKey, report);
+}
+
 void checkLimit(const CheckedFile& file, const std::string& key, Report& report) {
     if (file.values.has(key))
         checkReading(file, key, "from 0 to 65535", report, [&] {
@@ -172,6 +186,7 @@ void checkServiceValues(const CheckedFile& file, Report& report) {
     checkSwitches(file.lines, report);
     checkRelativePaths(file.lines, serviceKeys(), report);
     checkDailyOffset(file, report);
+    checkCallbackTimeout(file, report);
     checkPeriod(file, "selfSigned", report);
     checkPeriod(file, "CASigned", report);
     checkStoreLimits(file, report);
