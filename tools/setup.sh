@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs the Debian 12 packages that are missing; says and does nothing when none is.
 #
-#   tools/setup.sh [build] [demo] [test]      the groups wanted; "build" when none is named
+#   tools/setup.sh [build] [demo] [test] [armhf] [package]      the groups wanted; "build" when none is named
 set -eu
 
 packages_of() {
@@ -11,10 +11,17 @@ packages_of() {
         test)
             echo libgtest-dev libgmock-dev libbenchmark-dev python3 python3-cryptography faketime iproute2 \
                 busybox-static openssl strace nginx-light gnutls-bin golang-cfssl clang-format clang-tidy \
-                util-linux procps shellcheck
+                util-linux procps shellcheck valgrind mosquitto mosquitto-clients stunnel4 mandoc \
+                adduser hostname systemd
             ;;
+        armhf) echo g++-arm-linux-gnueabihf qemu-user cmake ninja-build dpkg-dev util-linux ;;
+        package)
+            echo debhelper dpkg-dev fakeroot file git lintian make mmdebstrap pkg-config python3 util-linux
+            ;;
+        fuzz) echo clang libclang-rt-14-dev ;;
+        analysis) echo clang-tidy cppcheck valgrind gcovr python3 ;;
         *)
-            echo "setup.sh: no group '$1'; there are build, demo and test" >&2
+            echo "setup.sh: no group '$1'; there are build, demo, test, armhf, package, fuzz and analysis" >&2
             return 1
             ;;
     esac
@@ -48,7 +55,7 @@ saved_policy=$policy.keyward-saved
 mark='Of an installation by keyward under way'
 our_policy=
 
-# Packages with a service (nginx) start it when they are installed, unless this file forbids it.
+# Packages with a service (nginx, mosquitto) start it when they are installed, unless this file forbids it.
 forbid_service_starts() {
     if [ -x "$policy" ] && ! grep -q "$mark" "$policy"; then
         answer=0
@@ -71,15 +78,12 @@ allow_service_starts() {
     [ ! -e "$saved_policy" ] || as_root mv "$saved_policy" "$policy"
 }
 
-# A server that came only for our sake shall not run from the next boot on, either.
+# Servers that came only for our sake shall not run from the next boot on, either.
 keep_from_boot() {
-    case "$missing " in
-        *' nginx-light '*) ;;
-        *) return 0 ;;
-    esac
-    [ -z "$nginx_was_there" ] || return 0
     command -v systemctl >/dev/null || return 0
-    as_root systemctl disable --quiet nginx.service >/dev/null 2>&1 || true
+    for service in $services_to_keep_off; do
+        as_root systemctl disable --quiet "$service" >/dev/null 2>&1 || true
+    done
 }
 
 # ----------------------------------------------------------------------------------------------------------------
@@ -98,8 +102,13 @@ done
 
 command -v apt-get >/dev/null || fail "this is not a Debian system (there is no apt-get)"
 [ "$(id -u)" -eq 0 ] || command -v sudo >/dev/null || fail "run this as root, or install sudo"
-nginx_was_there=
-! is_installed nginx-common || nginx_was_there=yes
+# The package that a service comes with, and the service.
+services_to_keep_off=
+for pair in nginx-common:nginx.service mosquitto:mosquitto.service stunnel4:stunnel.target; do
+    case "$missing " in
+        *" ${pair%%[-:]*}"*) is_installed "${pair%:*}" || services_to_keep_off="$services_to_keep_off ${pair#*:}" ;;
+    esac
+done
 
 echo "Installing:$missing"
 trap allow_service_starts EXIT
