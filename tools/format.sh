@@ -5,7 +5,7 @@ set -eu
 top=$(CDPATH='' cd -- "$(dirname -- "$0")/.." && pwd)
 cd "$top"
 files=$(find daemon service config server stores x509 cnf network callbacks support tests testsupport bench \
-    -name '*.cpp' -o -name '*.h' | sort)
+    fuzz tools/keywardctl examples packaging -name '*.cpp' -o -name '*.h' | sort)
 if [ "${1:-}" = --check ]; then
     # shellcheck disable=SC2086  # one word a file
     clang-format --dry-run --Werror $files

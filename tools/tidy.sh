@@ -1,10 +1,23 @@
 #!/bin/sh
-# clang-tidy over the daemon's own sources, with the compile commands of the dev preset.
+# clang-tidy and cppcheck over the daemon's own sources and keywardctl's, with the compile commands of the dev preset.
+#
+#   tools/tidy.sh                  everything
+#   tools/tidy.sh FILE.cpp ...     clang-tidy on these files only
 set -eu
 
 top=$(CDPATH='' cd -- "$(dirname -- "$0")/.." && pwd)
 cd "$top"
-[ -f build/dev/compile_commands.json ] || cmake --preset dev >/dev/null
-files=${*:-$(find daemon service config server stores x509 cnf network callbacks support -name '*.cpp' | sort)}
+[ $# -gt 0 ] || "$top/tools/setup.sh" build test analysis
+cmake --preset dev >/dev/null
+rooms='daemon service config server stores x509 cnf network callbacks support tools/keywardctl'
+# shellcheck disable=SC2086  # one word a folder
+files=${*:-$(find $rooms fuzz -name '*.cpp' | sort)}
 # shellcheck disable=SC2086  # one word a file
 printf '%s\n' $files | xargs -P "$(nproc)" -n 4 clang-tidy --quiet -p build/dev
+
+if [ $# -eq 0 ]; then
+    # Exceptions stand in the code, each with its reason.
+    # shellcheck disable=SC2086
+    cppcheck --std=c++17 --enable=warning,performance,portability --inline-suppr --quiet --error-exitcode=1 \
+        -I . -I tools/keywardctl -j "$(nproc)" $rooms
+fi

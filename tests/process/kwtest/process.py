@@ -156,7 +156,7 @@ class DaemonProcess:
 
     def _find_daemon(self):
         found = [pid for pid in self._new_children()
-                 if pid not in self._parents and name_of(pid).startswith("keywardd")]
+                 if pid not in self._parents and name_of(pid).startswith(("keywardd", "memcheck"))]
         if len(found) != 1:
             raise AssertionError(f"the parent left {len(found)} daemons behind")
         return found[0]

@@ -4,6 +4,7 @@ KEYWARDD             the daemon's program (required)
 KEYWARDD_TESTCLOCK   the same daemon with a clock that a file sets; needed where libfaketime cannot be preloaded
 KEYWARDD_SANITIZER   what the build is instrumented with, for example "address,undefined"; empty: nothing
 KEYWARDD_CALLBACK_LIBRARY  a callback library that records what it is told
+KWTEST_MEMCHECK      when set, the daemon runs under valgrind's memcheck (only with "namespace")
 KWTEST_ISOLATION     "namespace" (the default) or "chroot"
 KWTEST_KEEP          when set, the folders of failed devices stay
 """
@@ -22,15 +23,23 @@ class Settings:
         self.isolation = environment.get("KWTEST_ISOLATION", "namespace")
         self.keep = bool(environment.get("KWTEST_KEEP"))
         # Instrumented code is several times slower; a limit that is about waiting, not about behaviour, grows.
-        self.time_scale = 4.0 if self.sanitizer else 1.0
+        self.under_memcheck = bool(environment.get("KWTEST_MEMCHECK"))
+        self.time_scale = 15.0 if self.under_memcheck else 4.0 if self.sanitizer else 1.0
         # How long an orderly stop may take.
-        self.stop_limit = 2.0 * (3.0 if self.sanitizer else 1.0)
+        self.stop_limit = 2.0 * (3.0 if self.time_scale > 1 else 1.0)
 
     def check(self):
         if not os.path.isfile(self.binary):
             sys.exit(f"KEYWARDD must name the daemon's program; it is {self.binary!r}")
         if os.geteuid() != 0:
             sys.exit("These tests start a daemon that begins as root and drops its rights: run them as root.")
+
+    def memcheck(self, reports):
+        """What the daemon's command line begins with; leaks and bad accesses make a report of it each."""
+        if not self.under_memcheck:
+            return []
+        return ["valgrind", "--quiet", "--vgdb=no", "--leak-check=full", "--show-leak-kinds=definite,possible",
+                "--errors-for-leak-kinds=definite", f"--log-file={reports}/memcheck.%p"]
 
     @property
     def faketime(self):
