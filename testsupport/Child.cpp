@@ -16,6 +16,7 @@
 #include <stdexcept>
 
 #include "support/UniqueFd.h"
+#include "testsupport/LeaveChild.h"
 
 namespace testsupport {
 
@@ -65,7 +66,7 @@ std::string readAll(int fd) {
         text = error.what();
     }
     writeAll(fd, text);
-    ::_exit(code);
+    leaveChild(code);
 }
 
 struct ChildEnd {

@@ -15,6 +15,7 @@
 
 #include "support/Debug.h"
 #include "support/UniqueFd.h"
+#include "testsupport/LeaveChild.h"
 
 namespace testsupport {
 
@@ -69,7 +70,7 @@ void leaveWithLog(int status, void* /*unused*/) {
         done += static_cast<std::size_t>(count);
     }
     std::cerr.flush();
-    ::_exit(status);
+    leaveChild(status);
 }
 
 [[noreturn]] void runChild(const std::function<void()>& body, int log, int standardError) {

@@ -14,9 +14,15 @@ cmake --preset coverage >/tmp/keyward-configure-coverage.log || {
 }
 cmake --build --preset coverage -j "$(nproc)"
 find build/coverage -name '*.gcda' -delete
-# A daemon in a root folder of its own writes its counts below that folder, so whole-process tests are left out.
-ctest --test-dir build/coverage -LE process -j "$((2 * $(nproc)))" --output-on-failure --repeat until-pass:2 \
-    >build/coverage/tests.log || tail -n 60 build/coverage/tests.log
+# The daemon writes its counts as its own user, into files that the tests before it have made.
+umask 0
+run_tests() {
+    KWTEST_COVERAGE=$top/build/coverage ctest --test-dir build/coverage "$@" -j "$((2 * $(nproc)))" \
+        --output-on-failure --repeat until-pass:2 >build/coverage/tests.log || tail -n 60 build/coverage/tests.log
+}
+run_tests -LE 'process|docs|faults'
+chmod -R a+rwX build/coverage
+run_tests -L 'process|faults'
 
 set --
 for room in daemon service config server stores x509 cnf network callbacks support; do

@@ -22,7 +22,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
 # Headers that differ from one architecture to the next lie in a folder of their own.
-set(CMAKE_CXX_FLAGS_INIT "-isystem ${KEYWARD_SYSROOT}/usr/include/arm-linux-gnueabihf")
+# Notes about how compilers before GCC 7 passed parameters would concern only mixed builds.
+set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi -isystem ${KEYWARD_SYSROOT}/usr/include/arm-linux-gnueabihf")
 # What the libraries of the sysroot need themselves.
 foreach(kind EXE SHARED MODULE)
   set(CMAKE_${kind}_LINKER_FLAGS_INIT "-Wl,-rpath-link,${KEYWARD_SYSROOT}/usr/lib/arm-linux-gnueabihf")

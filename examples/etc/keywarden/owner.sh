@@ -10,7 +10,7 @@
 #   owner.sh <service> ca new <id>                 a trusted CA was added; "client" for a trusted client
 #   owner.sh <service> ca revoke <id> ...          trusted CAs were removed
 #
-# The exit status is not looked at.
+# An exit status other than 0 is logged as a warning; nothing else depends on it.
 set -u
 
 # The daemon user must be allowed to write into these two folders.

@@ -14,6 +14,8 @@ import subprocess
 import sys
 import tempfile
 
+from .settings import SETTINGS
+
 CLONE_NEWNS = 0x00020000
 MS_BIND, MS_REC, MS_PRIVATE = 4096, 16384, 1 << 18
 MNT_DETACH = 2
@@ -125,6 +127,8 @@ class Root:
             elif os.path.isdir("/" + name):
                 self._bind_folder("/" + name)
         self._mount("/proc", self.host("/proc"), None, MS_BIND | MS_REC)
+        if SETTINGS.coverage:
+            self._bind_folder(SETTINGS.coverage)
 
     def _bind_folder(self, path):
         self.make_folder(path)

@@ -6,6 +6,7 @@ KEYWARDD_SANITIZER   what the build is instrumented with, for example "address,u
 KEYWARDD_CALLBACK_LIBRARY  a callback library that records what it is told
 KWTEST_MEMCHECK      when set, the daemon runs under valgrind's memcheck (only with "namespace")
 KWTEST_ISOLATION     "namespace" (the default) or "chroot"
+KWTEST_COVERAGE      a build folder that the daemon writes its line counts into (only with "namespace")
 KWTEST_KEEP          when set, the folders of failed devices stay
 """
 
@@ -21,6 +22,7 @@ class Settings:
         self.sanitizer = environment.get("KEYWARDD_SANITIZER", "")
         self.callback_library = environment.get("KEYWARDD_CALLBACK_LIBRARY", "")
         self.isolation = environment.get("KWTEST_ISOLATION", "namespace")
+        self.coverage = environment.get("KWTEST_COVERAGE", "")
         self.keep = bool(environment.get("KWTEST_KEEP"))
         # Instrumented code is several times slower; a limit that is about waiting, not about behaviour, grows.
         self.under_memcheck = bool(environment.get("KWTEST_MEMCHECK"))

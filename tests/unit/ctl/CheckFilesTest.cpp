@@ -1,12 +1,16 @@
 // What the files lead to: accounts, folders, the lock, callbacks, other services, the network.
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <filesystem>
+#include <stdexcept>
+#include <vector>
 
 #include "CheckedDevice.h"
 #include "check/Checker.h"
@@ -33,28 +37,54 @@ class CheckFiles : public testing::Test {
 
 const std::string kWeb = "~/services/web.conf";
 
-/// A process with the daemon's name, for as long as this lives.
+/// A process with the daemon's name and these groups beside root's own, for as long as this lives.
 class NamedProcess {
   public:
-    NamedProcess() : pid_(::fork()) {
-        if (pid_ != 0)
-            return;
-        ::prctl(PR_SET_NAME, "keywardd");
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        for (;;)
-            ::pause();
+    explicit NamedProcess(const std::vector<gid_t>& groups) {
+        std::array<int, 2> ready{};
+        if (::pipe(ready.data()) != 0 || (pid_ = ::fork()) < 0)
+            throw std::runtime_error("no process");
+        if (pid_ == 0)
+            pauseWith(groups, ready[1]);
+        char byte = 0;
+        ::close(ready[1]);
+        const ssize_t count = ::read(ready[0], &byte, 1);
+        ::close(ready[0]);
+        if (count != 1)
+            throw std::runtime_error("the process did not get its groups");
     }
     NamedProcess(const NamedProcess&) = delete;
     NamedProcess& operator=(const NamedProcess&) = delete;
-    ~NamedProcess() {
+    ~NamedProcess() { end(); }
+
+    [[nodiscard]] pid_t pid() const { return pid_; }
+
+    /// Ends it, but leaves its number taken.
+    void makeZombie() const {
+        ::kill(pid_, SIGKILL);
+        siginfo_t info{};
+        ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT);
+    }
+
+  private:
+    [[noreturn]] static void pauseWith(const std::vector<gid_t>& groups, int ready) {
+        ::prctl(PR_SET_NAME, "keywardd");
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::setgroups(groups.size(), groups.data()) != 0 || ::write(ready, "r", 1) != 1)
+            ::_exit(1);
+        for (;;)
+            ::pause();
+    }
+
+    void end() const {
         ::kill(pid_, SIGKILL);
         ::waitpid(pid_, nullptr, 0);
     }
-    [[nodiscard]] pid_t pid() const { return pid_; }
 
-  private:
-    pid_t pid_;
+    pid_t pid_ = -1;
 };
+
+const std::vector<gid_t> kGroupsOfTheDaemon{4242, 4250, 4251, 4252};
 
 /// A process id that no one has any more.
 pid_t deadPid() {
@@ -234,9 +264,21 @@ TEST_F(CheckFiles, ALockThatNobodyHoldsIsTold) {
     EXPECT_THAT(device.check(), ElementsAre(otherProcess));
     device.write("run/keywardd.pid", std::to_string(::getpid()));
     EXPECT_THAT(device.check(), ElementsAre(otherProcess)) << "the number has gone to another program";
-    const NamedProcess daemon;
+    const NamedProcess daemon(kGroupsOfTheDaemon);
     device.write("run/keywardd.pid", std::to_string(daemon.pid()));
     EXPECT_THAT(device.check(), IsEmpty());
+    daemon.makeZombie();
+    EXPECT_THAT(device.check(), ElementsAre(otherProcess)) << "nobody has waited for it yet";
+}
+
+TEST_F(CheckFiles, AGroupThatTheRunningDaemonHasNotGotIsTold) {
+    device.write("run/keywardd.lock", "", 0640);
+    const NamedProcess daemon({4242, 4250, 4251});
+    device.write("run/keywardd.pid", std::to_string(daemon.pid()));
+    EXPECT_THAT(
+        device.check(),
+        ElementsAre(kWeb + ":2: error: the running daemon has not got the group 'kwkey' of 'keyGroup': "
+                           "it took its groups when it started [group-not-taken]"));
 }
 
 TEST_F(CheckFiles, CallbacksThatStopTheServiceAreTold) {

@@ -230,6 +230,15 @@ TEST_F(CheckKeys, KeysOfWhatIsSwitchedOffHaveNoEffect) {
                     "'CASignedGeneration yes' [without-effect]"));
 }
 
+TEST_F(CheckKeys, WhatHangsOnALostMainSwitchIsTold) {
+    device.setLine("services/web.conf", 4, "#");
+    EXPECT_THAT(device.check(),
+                ElementsAre("~/services/web.conf:5: warning: 'selfSignedGeneration' has no effect "
+                            "without 'server yes' [without-effect]"));
+    device.setLine("services/web.conf", 5, "selfSignedGeneration no");
+    EXPECT_THAT(device.check(), ElementsAre());
+}
+
 TEST_F(CheckKeys, ARelativePathIsTold) {
     device.setLine("services/web.conf", 3, "callbackScript bin/true");
     EXPECT_THAT(

@@ -2,6 +2,7 @@
 #include <fstream>
 
 #include "check/Rules.h"
+#include "check/RunningDaemon.h"
 #include "support/Accounts.h"
 #include "support/Tools.h"
 
@@ -10,6 +11,17 @@ namespace keywardctl::check {
 namespace {
 
 constexpr const char* kGroupFile = "/etc/group";
+
+// The daemon takes its groups once, as root: one that it got later it does not have.
+void checkTakenGroup(const Subject& subject, const Place& place, const std::string& key,
+                     const std::string& group, Report& report) {
+    const pid_t daemon = runningDaemon(subject);
+    if (daemon != 0 && !hasGroup(daemon, keywarden::Tools::getGroupId(group)))
+        report.add(Code::GroupNotTaken, place,
+                   "the running daemon has not got the group " + quoted(group) + " of " + quoted(key) +
+                       ": it took its groups when it started",
+                   "Restart the daemon; a reload does not do.");
+}
 
 void checkGroup(const Subject& subject, const Place& place, const std::string& key, const std::string& group,
                 Report& report) {
@@ -20,12 +32,16 @@ void checkGroup(const Subject& subject, const Place& place, const std::string& k
                        "') and list the daemon user in it.");
         return;
     }
-    if (subject.identity.isKnown() && !keywarden::Tools::isUserMemberOfGroup(subject.user, group))
+    if (!subject.identity.isKnown())
+        return;
+    if (!keywarden::Tools::isUserMemberOfGroup(subject.user, group))
         report.add(Code::NotMember, place,
                    "the daemon user " + quoted(subject.user) + " is not listed in the group " +
                        quoted(group) + " of " + quoted(key),
                    "List it with 'usermod -a -G " + group + " " + subject.user + "' (BusyBox: 'addgroup " +
                        subject.user + " " + group + "'); as its primary group alone it does not count.");
+    else
+        checkTakenGroup(subject, place, key, group, report);
 }
 
 bool isListed(const keywarden::GroupEntry& group, const std::string& user) {

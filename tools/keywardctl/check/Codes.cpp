@@ -35,6 +35,7 @@ const std::vector<CodeEntry>& codeTable() {
         {Code::NoUserGroup, "no-user-group", Severity::Error},
         {Code::NoGroup, "no-group", Severity::Error},
         {Code::NotMember, "not-member", Severity::Error},
+        {Code::GroupNotTaken, "group-not-taken", Severity::Error},
         {Code::UnmeantGroup, "unmeant-group", Severity::Warning},
         {Code::FolderMissing, "folder-missing", Severity::Error},
         {Code::LockFolder, "lock-folder", Severity::Error},

@@ -47,6 +47,7 @@ enum class Code {
     NoUserGroup,
     NoGroup,
     NotMember,
+    GroupNotTaken,
     UnmeantGroup,
     // Folders and the lock.
     FolderMissing,

@@ -149,6 +149,16 @@ void checkStoreLimits(const CheckedFile& file, Report& report) {
     }
 }
 
+// The switch that all of a server certificate hangs on is easily lost.
+void checkServerKeys(const CheckedFile& file, Report& report) {
+    if (file.values.isYes("server"))
+        return;
+    for (const char* key : {"selfSignedGeneration", "selfSignedOnExpiration", "CASignedGeneration",
+                            "CASignedOnExpiration", "includeFQDN", "networkInterface.0"})
+        if (file.values.text(key) != "no")
+            checkUnused(file, key, "server yes", report);
+}
+
 void checkAuthorityKeys(const CheckedFile& file, Report& report) {
     if (!file.values.isYes("CASignedGeneration") && !file.values.isYes("CASignedOnExpiration"))
         checkUnused(file, "CAServiceId", "CASignedGeneration yes", report);
@@ -189,6 +199,7 @@ void checkServiceValues(const CheckedFile& file, Report& report) {
     checkCallbackTimeout(file, report);
     checkPeriod(file, "selfSigned", report);
     checkPeriod(file, "CASigned", report);
+    checkServerKeys(file, report);
     checkStoreLimits(file, report);
     checkAuthorityKeys(file, report);
 }
