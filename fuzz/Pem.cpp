@@ -10,7 +10,7 @@
 namespace fuzz {
 
 std::string asPem(const std::uint8_t* data, std::size_t size, const std::string& label) {
-    const std::string text = textOf(data, size);
+    std::string text = textOf(data, size);
     if (text.find("-----BEGIN") != std::string::npos)
         return text;
     std::vector<unsigned char> armour(4 * (size / 3 + 1) + 1);
