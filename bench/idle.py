@@ -39,7 +39,7 @@ def pss_kib(pid):
 
 
 def main():
-    seconds = int(sys.argv[1]) if len(sys.argv) > 1 else 30
+    seconds = int(sys.argv[1]) if len(sys.argv) > 1 else 10
     SETTINGS.check()
     become_subreaper()
     device = Device(Isolation(SETTINGS.isolation))

@@ -259,8 +259,7 @@ void announce() {
     for (const auto& service : services())
         service->notifyAllServicesStarted();
     ready();
-    // What the start needed and the long wait does not.
-    ::malloc_trim(0);
+    giveBackStartUpMemory();
 }
 
 namespace {

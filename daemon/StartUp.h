@@ -67,6 +67,10 @@ void startThreads();
 /// Says that the daemon runs: to the log, to every service's owner, by the readiness marker.
 void announce();
 
+/// Gives the system back what the start needed and the long wait does not: free heap, and the pages of
+/// programs and libraries that can be read again from their files.
+void giveBackStartUpMemory();
+
 /// Returns when the notification and monitor threads have ended.
 void joinThreads();
 
