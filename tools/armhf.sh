@@ -124,7 +124,7 @@ check_exclusions() {
 run_tests() {
     say "Unit tests under qemu-arm"
     check_exclusions
-    as_root ctest --preset armhf -j "$((2 * jobs))" --repeat until-pass:2
+    as_root ctest --preset armhf -j "$((2 * jobs))" --repeat until-pass:3
 }
 
 # Two at a time would make the sysroot under each other's feet.
