@@ -5,6 +5,10 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <sstream>
+#include <stdexcept>
+
+#include "support/RegularFile.h"
 
 namespace keywarden {
 
@@ -13,6 +17,7 @@ namespace {
 constexpr std::size_t kFirstBufferSize = 1024;
 // Far above any real entry: a database that keeps asking for more is broken, and its entry counts as missing.
 constexpr std::size_t kLastBufferSize = std::size_t{16} << 20U;
+constexpr std::size_t kLargestGroupFile = kLastBufferSize;
 
 /// Calls a `_r` look-up with a growing buffer. The entry's texts stand in `buffer`.
 template <typename Entry, typename LookUp>
@@ -67,6 +72,18 @@ std::optional<GroupEntry> findGroup(const std::string& name) {
     if (!lookUpEntry(lookUp, entry, buffer))
         return std::nullopt;
     return GroupEntry{entry.gr_name, entry.gr_gid, memberNames(entry)};
+}
+
+std::vector<std::string> groupFileLines() {
+    std::vector<std::string> lines;
+    try {
+        std::istringstream file(readRegularFile("/etc/group", kLargestGroupFile));
+        for (std::string line; std::getline(file, line);)
+            lines.push_back(line);
+    } catch (const std::runtime_error&) {
+        // Whoever needs a group says by name that it is not there.
+    }
+    return lines;
 }
 
 std::optional<uid_t> userIdOf(const std::string& name) {

@@ -26,6 +26,9 @@ std::optional<UserEntry> findUser(const std::string& name);
 std::optional<UserEntry> findUser(uid_t uid);
 std::optional<GroupEntry> findGroup(const std::string& name);
 
+/// The lines of /etc/group as they stand; none when it cannot be read.
+std::vector<std::string> groupFileLines();
+
 /// The numbers alone; nothing for an unknown or empty name.
 std::optional<uid_t> userIdOf(const std::string& name);
 std::optional<gid_t> groupIdOf(const std::string& name);

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "support/Clock.h"
+#include "support/Folder.h"
 #include "support/Log.h"
 #include "support/UtcText.h"
 
@@ -38,13 +39,11 @@ bool Common::isDateOld() {
 }
 
 int Common::removeFile(const std::string& path) {
-    const int error = std::remove(path.c_str()) == 0 ? 0 : errno;
-    return reported(error, "remove file '" + path + "'");
+    return reported(removeAt(path), "remove file '" + path + "'");
 }
 
 int Common::removeDir(const std::string& path) {
-    const int error = std::remove(path.c_str()) == 0 ? 0 : errno;
-    return reported(error, "remove directory '" + path + "'");
+    return reported(removeAt(path), "remove directory '" + path + "'");
 }
 
 int Common::renameFile(const std::string& from, const std::string& to) {

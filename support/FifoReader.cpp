@@ -1,7 +1,5 @@
 #include "support/FifoReader.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,19 +8,17 @@
 #include <limits>
 #include <utility>
 
-#include "support/Accounts.h"
 #include "support/Cancellation.h"
 #include "support/Clock.h"
 #include "support/Log.h"
-#include "support/Tools.h"
 
 namespace keywarden {
 
 namespace {
 
 constexpr int kAttempts = 3;
-constexpr std::int64_t kBackOffMilliseconds = 500;
-constexpr unsigned kRandomNameLength = 8;
+constexpr std::int64_t kFirstPauseMilliseconds = 500;
+constexpr std::int64_t kLongestPauseMilliseconds = 30000;
 
 // Says nothing against the fifo: it is there, only this process has no room to open it.
 bool isScarcity(int error) {
@@ -31,62 +27,48 @@ bool isScarcity(int error) {
 
 }  // namespace
 
-FifoReader::FifoReader(std::string path, mode_t mode, std::string group, FifoLimits limits)
-    : path_(std::move(path)), mode_(mode), group_(std::move(group)), limits_(limits) {}
-
-bool FifoReader::make(const std::string& path, mode_t mode, const std::string& group) {
-    if (::mkfifo(path.c_str(), mode) != 0)
-        return false;
-    const auto gid = groupIdOf(group);
-    if (gid && ::lchown(path.c_str(), static_cast<uid_t>(-1), *gid) != 0)
-        return false;
-    return setMode(path, mode);
-}
-
-// Others may write the folder: what they put in the fifo's place meanwhile is not touched. Where the mode is
-// right already, as it is while the umask is 0, the call is saved: the C library makes it by way of /proc,
-// which a chroot may lack.
-bool FifoReader::setMode(const std::string& path, mode_t mode) {
-    struct stat info {};
-    if (::lstat(path.c_str(), &info) != 0)
-        return false;
-    if (!S_ISFIFO(info.st_mode)) {
-        errno = EINVAL;
-        return false;
-    }
-    return (info.st_mode & 07777U) == mode ||
-           ::fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW) == 0;
-}
-
-UniqueFd FifoReader::openEnd(const std::string& path) {
-    UniqueFd end(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
-    struct stat info {};
-    if (end && (::fstat(end.get(), &info) != 0 || !S_ISFIFO(info.st_mode))) {
-        end.reset();
-        errno = EINVAL;
-    }
-    return end;
-}
+FifoReader::FifoReader(FolderPtr folder, std::string name, mode_t mode, std::string group, FifoLimits limits)
+    : folder_(std::move(folder)),
+      name_(std::move(name)),
+      mode_(mode),
+      group_(std::move(group)),
+      limits_(limits) {}
 
 bool FifoReader::open() {
-    for (int attempt = 1;; ++attempt) {
-        UniqueFd next = openEnd(path_);
-        if (next) {
-            end_ = std::move(next);
+    bool isSaid = false;
+    int failures = 0;
+    for (std::int64_t pause = kFirstPauseMilliseconds;;
+         pause = std::min(2 * pause, kLongestPauseMilliseconds)) {
+        if (openOrReplace(isSaid))
             return true;
-        }
-        const bool scarce = isScarcity(errno);
-        if (attempt == kAttempts)
+        // Nothing can be made in a folder that was removed.
+        if (errno == ENOENT)
             return false;
-        if (attempt > 1 || scarce)
-            Cancellation::sleep(kBackOffMilliseconds);
-        if (scarce)
-            continue;
-        if (attempt == 1)
-            Log::write(SeverityError, "The path " + path_ + " is not a fifo any more. Making it again.");
-        ::unlink(path_.c_str());
-        make(path_, mode_, group_);
+        if (!isScarcity(errno) && ++failures == kAttempts)
+            return false;
+        Cancellation::sleep(pause);
     }
+}
+
+bool FifoReader::openOrReplace(bool& isSaid) {
+    UniqueFd next = folder_->openFifo(name_);
+    if (next) {
+        end_ = std::move(next);
+        return true;
+    }
+    if (isScarcity(errno))
+        return false;
+    if (!std::exchange(isSaid, true))
+        Log::write(SeverityError, "The path " + path() + " is not a fifo any more. Making it again.");
+    return replace();
+}
+
+bool FifoReader::replace() {
+    UniqueFd next = folder_->makeFifo(name_, mode_, group_);
+    if (!next)
+        return false;
+    end_ = std::move(next);
+    return true;
 }
 
 ssize_t FifoReader::read(char* buffer, std::size_t capacity) {
@@ -137,27 +119,11 @@ void FifoReader::noteText() {
 
 ssize_t FifoReader::leaveWriterBehind() {
     Log::write(SeverityError,
-               "A writer holds the fifo " + path_ + " and does not end its text. Making it again.");
+               "A writer holds the fifo " + path() + " and does not end its text. Making it again.");
     inText_ = false;
     if (!replace())
-        Log::write(SeverityError, "The fifo " + path_ + " could not be made again: " + std::strerror(errno));
+        Log::write(SeverityError, "The fifo " + path() + " could not be made again: " + std::strerror(errno));
     return kOverdue;
-}
-
-// A name that nobody can have taken before: others may write the folder.
-bool FifoReader::replace() {
-    const std::string fresh = path_ + "." + Tools::getRandomName(kRandomNameLength);
-    UniqueFd next;
-    if (make(fresh, mode_, group_))
-        next = openEnd(fresh);
-    if (next && ::rename(fresh.c_str(), path_.c_str()) == 0) {
-        end_ = std::move(next);
-        return true;
-    }
-    const int reason = errno;
-    ::unlink(fresh.c_str());
-    errno = reason;
-    return false;
 }
 
 }  // namespace keywarden

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "support/Folder.h"
 #include "support/UniqueFd.h"
 
 namespace keywarden {
@@ -26,35 +27,33 @@ class FifoReader {
     /// What read() says of a text that was not ended within the limits.
     static constexpr ssize_t kOverdue = -2;
 
-    /// `mode` and `group` are for a fifo that has to be made again: because its path no longer is one, or
-    /// because a writer exceeded a limit. A writer that sends nothing at all is noticed with the next one's
-    /// text, which has no end then either: until then it is in nobody's way, and nothing wakes the reader.
-    FifoReader(std::string path, mode_t mode, std::string group, FifoLimits limits = {});
+    /// `mode` and `group` are for a fifo that has to be made again: because what stands in its place is none
+    /// of ours any more, or because a writer exceeded a limit. A writer that sends nothing at all is noticed
+    /// with the next one's text, which has no end then either: until then it is in nobody's way, and nothing
+    /// wakes the reader.
+    FifoReader(FolderPtr folder, std::string name, mode_t mode, std::string group, FifoLimits limits = {});
 
-    /// False when the path cannot be opened as a fifo (never follows a link), nor be made one again.
+    /// Opens the fifo. What stands in its place is replaced, a folder moved aside; a want of descriptors or
+    /// memory is waited out with growing pauses. False when the folder itself has been removed, or when
+    /// something keeps the fifo from being made for a while.
     [[nodiscard]] bool open();
 
     /// Waits for a writer and returns the next bytes, at most `capacity`; 0 at the end of a writer's text, -1
-    /// when the fifo is lost and could not be made again. kOverdue when a writer exceeded a limit: a new fifo
+    /// when the fifo is lost as open() says. kOverdue when a writer exceeded a limit: a new fifo
     /// has taken the old one's place by then, in one step, so that later writers find it with its reader and
     /// the overdue one holds a fifo that nobody reads. open() has succeeded before.
     [[nodiscard]] ssize_t read(char* buffer, std::size_t capacity);
 
-    /// Makes the fifo with its exact mode and group. False, with errno, when it cannot; an unknown group is
-    /// left alone, as Tools::changeGroup does.
-    static bool make(const std::string& path, mode_t mode, const std::string& group);
-
-    /// Gives a fifo its exact mode; never follows a link. False, with errno, when it cannot.
-    static bool setMode(const std::string& path, mode_t mode);
-
   private:
-    [[nodiscard]] static UniqueFd openEnd(const std::string& path);
+    [[nodiscard]] bool openOrReplace(bool& isSaid);
+    [[nodiscard]] bool replace();
+    [[nodiscard]] std::string path() const { return folder_->pathOf(name_); }
     [[nodiscard]] std::int64_t millisecondsLeft() const;
     void noteText();
     [[nodiscard]] ssize_t leaveWriterBehind();
-    [[nodiscard]] bool replace();
 
-    std::string path_;
+    FolderPtr folder_;
+    std::string name_;
     mode_t mode_;
     std::string group_;
     FifoLimits limits_;

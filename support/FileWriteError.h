@@ -6,7 +6,8 @@
 
 namespace keywarden {
 
-/// A file could not be written; errorNumber() is the errno of the call that failed.
+/// A file could not be written, or read or looked at for a reason that is not the file's own; errorNumber()
+/// is the errno of the call that failed.
 class FileWriteError : public std::runtime_error {
   public:
     FileWriteError(const std::string& message, int errorNumber)

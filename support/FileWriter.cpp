@@ -7,11 +7,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <stdexcept>
+#include <tuple>
 #include <utility>
 
 #include "support/Accounts.h"
 #include "support/FileWriteError.h"
-#include "support/OwnFolder.h"
 #include "support/TemporaryFile.h"
 
 namespace keywarden {
@@ -19,14 +19,14 @@ namespace keywarden {
 namespace {
 
 void setOwners(int file, const std::string& path, const FileAttributes& attributes) {
-    struct stat info {};
-    if (::fstat(file, &info) != 0)
+    const auto status = statusOf(file);
+    if (!status)
         throw FileWriteError("Impossible to examine", path, errno);
     const auto uid = userIdOf(attributes.user);
-    if (uid && *uid != info.st_uid && ::fchown(file, *uid, static_cast<gid_t>(-1)) != 0)
+    if (uid && *uid != status->uid && ::fchown(file, *uid, static_cast<gid_t>(-1)) != 0)
         throw std::runtime_error("Impossible to change the user for " + path);
     const auto gid = groupIdOf(attributes.group);
-    if (gid && *gid != info.st_gid && ::fchown(file, static_cast<uid_t>(-1), *gid) != 0)
+    if (gid && *gid != status->gid && ::fchown(file, static_cast<uid_t>(-1), *gid) != 0)
         throw std::runtime_error("Runtime error caught while changing group for file '" + path +
                                  "': Impossible to change the group for " + path);
 }
@@ -62,11 +62,14 @@ FileWriter::~FileWriter() {
 
 const FileWriter::Staged& FileWriter::stage(const std::string& path, std::string_view content,
                                             const FileAttributes& attributes) {
-    const auto folder = folderOf(path, attributes).descriptor;
+    const FolderPtr folder = folderOf(path, attributes).folder;
     std::string name = splitPath(path).second;
-    auto [file, temporary] = makeTemporary(folder->get(), name, path);
-    // From here on the destructor removes it.
-    staged_.push_back({path, std::move(name), std::move(temporary), folder, UniqueFd()});
+    staged_.reserve(staged_.size() + 1);
+    Staged fresh{path, std::move(name), {}, folder, UniqueFd()};
+    UniqueFd file;
+    std::tie(file, fresh.temporaryName) = makeTemporary(*folder, fresh.name, path);
+    // From here on the destructor removes it: nothing between the two can fail.
+    staged_.push_back(std::move(fresh));
     try {
         fill(file.get(), path, content, attributes);
     } catch (...) {
@@ -81,22 +84,27 @@ const FileWriter::Staged& FileWriter::stage(const std::string& path, std::string
 }
 
 void FileWriter::remove(const Staged& file) {
-    ::unlinkat(file.folder->get(), file.temporaryName.c_str(), 0);
+    static_cast<void>(file.folder->remove(file.temporaryName));
 }
 
-FileWriter::Folder& FileWriter::folderOf(const std::string& path, const FileAttributes& attributes) {
+FileWriter::Target& FileWriter::folderOf(const std::string& path, const FileAttributes& attributes) {
     const std::string folder = folderOfPath(path);
     const bool mustBeOurs = attributes.inOwnFolder;
-    const auto known = std::find_if(folders_.begin(), folders_.end(), [&](const Folder& candidate) {
+    const auto known = std::find_if(folders_.begin(), folders_.end(), [&](const Target& candidate) {
         return candidate.path == folder && (candidate.ours || !mustBeOurs);
     });
     if (known != folders_.end()) {
         known->synced = known->synced || attributes.synced;
         return *known;
     }
-    folders_.push_back({folder, mustBeOurs, attributes.synced,
-                        std::make_shared<UniqueFd>(openFolder(folder, path, mustBeOurs))});
+    folders_.push_back({folder, mustBeOurs, attributes.synced, opened(path, mustBeOurs)});
     return folders_.back();
+}
+
+FolderPtr FileWriter::opened(const std::string& path, bool mustBeOurs) const {
+    if (held_ != nullptr && held_->placeOf(path))
+        return held_->at(path).folder;
+    return Folder::at(folderOfPath(path), mustBeOurs ? Folder::Owner::Ours : Folder::Owner::Anybody, path);
 }
 
 void FileWriter::syncContents() {
@@ -109,16 +117,15 @@ void FileWriter::syncContents() {
 
 void FileWriter::putNextInPlace() {
     const Staged& file = staged_.front();
-    const int folder = file.folder->get();
-    if (::renameat(folder, file.temporaryName.c_str(), folder, file.name.c_str()) != 0)
+    if (!file.folder->rename(file.temporaryName, file.name))
         throw FileWriteError("Impossible to put in place", file.path, errno);
     staged_.erase(staged_.begin());
 }
 
 void FileWriter::syncFolders() const {
-    for (const Folder& folder : folders_)
-        if (folder.synced)
-            syncFolder(folder.descriptor->get(), folder.path);
+    for (const Target& target : folders_)
+        if (target.synced)
+            target.folder->sync();
 }
 
 void FileWriter::commit() {

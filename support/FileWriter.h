@@ -2,11 +2,12 @@
 
 #include <sys/types.h>
 
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "support/Folder.h"
+#include "support/FolderSet.h"
 #include "support/UniqueFd.h"
 
 namespace keywarden {
@@ -17,7 +18,7 @@ struct FileAttributes {
     std::string group;  ///< by name; empty or unknown: the writer's own
     std::string user;   ///< by name; empty or unknown: the writer's own
     /// The folder must belong to the daemon's user and not be a link: set for everything that stands in the
-    /// stores, whose upper folders a service's management group may write.
+    /// stores, whose upper folders a service's management group may write. A store's folders are held open.
     bool inOwnFolder = false;
     /// Not set for what is made again at every start: it need not survive a power cut, and is not synced.
     bool synced = true;
@@ -36,11 +37,13 @@ class FileWriter {
         std::string path;
         std::string name;
         std::string temporaryName;
-        std::shared_ptr<UniqueFd> folder;
+        FolderPtr folder;
         UniqueFd content;  ///< open until it has been synced; none when it need not be
     };
 
     FileWriter() = default;
+    /// Files in one of these folders are written through the folder that is held; they outlive this.
+    explicit FileWriter(const FolderSet& held) : held_(&held) {}
     FileWriter(const FileWriter&) = delete;
     FileWriter& operator=(const FileWriter&) = delete;
     ~FileWriter();
@@ -62,19 +65,25 @@ class FileWriter {
     /// The file that was staged first and is not in place yet.
     void putNextInPlace();
     void syncFolders() const;
+    /// Looks for the folders anew; what is staged stays in those that it was staged into.
+    void forgetFolders() { folders_.clear(); }
+    /// Leaves what is not in place where it is staged: a journal names it.
+    void leaveStaged() { staged_.clear(); }
 
   private:
-    struct Folder {
+    struct Target {
         std::string path;
         bool ours;
         bool synced;
-        std::shared_ptr<UniqueFd> descriptor;
+        FolderPtr folder;
     };
 
     static void remove(const Staged& file);
-    Folder& folderOf(const std::string& path, const FileAttributes& attributes);
+    Target& folderOf(const std::string& path, const FileAttributes& attributes);
+    [[nodiscard]] FolderPtr opened(const std::string& path, bool mustBeOurs) const;
 
-    std::vector<Folder> folders_;
+    const FolderSet* held_ = nullptr;
+    std::vector<Target> folders_;
     std::vector<Staged> staged_;
 };
 

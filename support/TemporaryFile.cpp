@@ -1,14 +1,10 @@
 #include "support/TemporaryFile.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <memory>
 
 #include "support/Debug.h"
 #include "support/FileWriteError.h"
@@ -21,10 +17,6 @@ namespace {
 constexpr std::string_view kEnding = ".new";
 constexpr std::string_view kDigits = "0123456789";
 
-struct CloseFolder {
-    void operator()(DIR* folder) const { ::closedir(folder); }
-};
-
 /// Takes ".<digits>" off the end. False when there is none.
 bool dropNumber(std::string_view& name) {
     const std::size_t point = name.rfind('.');
@@ -35,28 +27,29 @@ bool dropNumber(std::string_view& name) {
     return true;
 }
 
-void removeIfOurs(int folder, const std::string& path, const char* name) {
-    struct stat info {};
-    if (::fstatat(folder, name, &info, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(info.st_mode) ||
-        info.st_uid != ::geteuid())
+void removeIfOurs(const Folder& folder, const std::string& name) {
+    const auto status = folder.status(name);
+    if (!status || !status->isRegular() || status->uid != ::geteuid())
         return;
-    if (::unlinkat(folder, name, 0) == 0)
-        debugTrace("Removed '" + path + "/" + name + "', left by a run that was cut short.");
+    if (folder.remove(name))
+        debugTrace("Removed '" + folder.pathOf(name) + "', left by a run that was cut short.");
     else if (errno != ENOENT)
         Log::write(SeverityError,
-                   "Failed to remove file '" + path + "/" + name + "' : " + std::strerror(errno));
+                   "Failed to remove file '" + folder.pathOf(name) + "' : " + std::strerror(errno));
 }
 
 }  // namespace
 
-std::pair<UniqueFd, std::string> makeTemporary(int folder, const std::string& target,
-                                               const std::string& path) {
+std::string nameOfTemporary(const std::string& target) {
     static std::atomic<unsigned> counter{0};
+    return "." + target + "." + std::to_string(::getpid()) + "." + std::to_string(counter++) + ".new";
+}
+
+std::pair<UniqueFd, std::string> makeTemporary(const Folder& folder, const std::string& target,
+                                               const std::string& path) {
     for (;;) {
-        std::string temporary =
-            "." + target + "." + std::to_string(::getpid()) + "." + std::to_string(counter++) + ".new";
-        UniqueFd file(
-            ::openat(folder, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        std::string temporary = nameOfTemporary(target);
+        UniqueFd file = folder.create(temporary);
         if (file)
             return {std::move(file), std::move(temporary)};
         if (errno != EEXIST)
@@ -74,14 +67,16 @@ std::string targetOfTemporary(std::string_view name) {
     return std::string(name.substr(1));
 }
 
-void removeTemporaries(const std::string& folder, const std::string& target) {
-    const std::unique_ptr<DIR, CloseFolder> listing(::opendir(folder.c_str()));
-    if (!listing)
-        return;
-    while (const dirent* const entry = ::readdir(listing.get())) {
-        const std::string found = targetOfTemporary(entry->d_name);
-        if (!found.empty() && (target.empty() || found == target))
-            removeIfOurs(::dirfd(listing.get()), folder, entry->d_name);
+void removeTemporaries(const Folder& folder, const std::string& target) {
+    try {
+        for (const std::string& name : folder.names()) {
+            const std::string found = targetOfTemporary(name);
+            if (!found.empty() && (target.empty() || found == target))
+                removeIfOurs(folder, name);
+        }
+    } catch (const FileWriteError& error) {
+        // A folder that may be written but not listed, or a disk that fails: the next start finds them.
+        debugTrace(error.what());
     }
 }
 

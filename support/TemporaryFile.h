@@ -4,6 +4,7 @@
 #include <string_view>
 #include <utility>
 
+#include "support/Folder.h"
 #include "support/UniqueFd.h"
 
 namespace keywarden {
@@ -13,8 +14,10 @@ namespace keywarden {
 
 /// A new empty one at mode 0600 and its name. `path`, the target's, is for the message. Throws
 /// FileWriteError.
-[[nodiscard]] std::pair<UniqueFd, std::string> makeTemporary(int folder, const std::string& target,
+[[nodiscard]] std::pair<UniqueFd, std::string> makeTemporary(const Folder& folder, const std::string& target,
                                                              const std::string& path);
+/// A name for one.
+[[nodiscard]] std::string nameOfTemporary(const std::string& target);
 
 /// The target of a temporary's name; empty for any other name.
 [[nodiscard]] std::string targetOfTemporary(std::string_view name);
@@ -22,6 +25,6 @@ namespace keywarden {
 /// Removes the temporaries that a run which was cut short left in a folder: regular files of the daemon's
 /// user only. `target` restricts it to those of one file, for a folder that is shared. Nobody else may be
 /// writing there. Throws nothing: what cannot be removed is logged.
-void removeTemporaries(const std::string& folder, const std::string& target = std::string());
+void removeTemporaries(const Folder& folder, const std::string& target = std::string());
 
 }  // namespace keywarden

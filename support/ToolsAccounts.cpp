@@ -1,7 +1,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 
 #include "support/Accounts.h"
 #include "support/Debug.h"
@@ -47,8 +46,7 @@ bool Tools::isUserMemberOfGroup(const std::string& user, const std::string& grou
 
 std::vector<unsigned int> Tools::getGroups(const std::string& user) {
     std::vector<unsigned int> ids;
-    std::ifstream file("/etc/group");
-    for (std::string line; std::getline(file, line);) {
+    for (const std::string& line : groupFileLines()) {
         // Anywhere in the line: a group is also found by its own name, or by a member whose name is longer.
         if (line.find(user) == std::string::npos)
             continue;

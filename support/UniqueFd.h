@@ -25,6 +25,8 @@ class UniqueFd {
 
     [[nodiscard]] int get() const { return fd_; }
     explicit operator bool() const { return fd_ >= 0; }
+    /// Gives it up without closing it.
+    int release() { return std::exchange(fd_, -1); }
 
     /// Keeps errno, so that it can stand on the path of a failure that is reported afterwards.
     void reset();

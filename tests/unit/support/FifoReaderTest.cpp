@@ -31,6 +31,8 @@ namespace {
 
 using keywarden::FifoLimits;
 using keywarden::FifoReader;
+using keywarden::Folder;
+using keywarden::FolderPtr;
 using keywarden::groupIdOf;
 using keywarden::SeverityError;
 using keywarden::UniqueFd;
@@ -47,7 +49,7 @@ class FifoReaderTest : public testing::Test {
     FifoReaderTest() {
         CapturedLog::clear();
         static_cast<void>(::signal(SIGPIPE, SIG_IGN));
-        if (!FifoReader::make(path, kMode, kGroup))
+        if (!folder->makeFifo("fifo", kMode, kGroup))
             throw std::runtime_error("no fifo");
     }
 
@@ -85,13 +87,14 @@ class FifoReaderTest : public testing::Test {
 
     Sandbox sandbox;
     std::string path = sandbox.path("fifo");
-    FifoReader reader{path, kMode, kGroup};
+    FolderPtr folder = Folder::at(sandbox.path(), Folder::Owner::Ours);
+    FifoReader reader{folder, "fifo", kMode, kGroup};
 };
 
 TEST_F(FifoReaderTest, MakesTheFifoWithItsExactModeAndGroup) {
     const std::string other = sandbox.path("other");
     const mode_t before = ::umask(0077);
-    EXPECT_TRUE(FifoReader::make(other, kMode, kGroup));
+    EXPECT_TRUE(folder->makeFifo("other", kMode, kGroup));
     ::umask(before);
     struct stat info {};
     ASSERT_EQ(::lstat(other.c_str(), &info), 0);
@@ -101,23 +104,25 @@ TEST_F(FifoReaderTest, MakesTheFifoWithItsExactModeAndGroup) {
 
 TEST_F(FifoReaderTest, MakesTheFifoWithoutAGroupThatIsUnknown) {
     const std::string other = sandbox.path("other");
-    EXPECT_TRUE(FifoReader::make(other, kMode, "no-such-group"));
+    EXPECT_TRUE(folder->makeFifo("other", kMode, "no-such-group"));
     struct stat info {};
     ASSERT_EQ(::lstat(other.c_str(), &info), 0);
     EXPECT_EQ(info.st_gid, ::getegid());
 }
 
-TEST_F(FifoReaderTest, MakesNothingWhereSomethingIs) {
+TEST_F(FifoReaderTest, MakesTheFifoInPlaceOfWhatStandsThere) {
     const std::string victim = sandbox.write("victim", "keep me", 0600);
-    const std::string link = sandbox.path("link");
-    std::filesystem::create_symlink(victim, link);
-    for (const std::string& taken : {victim, link}) {
-        errno = 0;
-        EXPECT_FALSE(FifoReader::make(taken, kMode, kGroup));
-        EXPECT_EQ(errno, EEXIST);
+    std::filesystem::create_symlink(victim, sandbox.path("link"));
+    sandbox.write("file", "");
+    sandbox.write("folder/inside", "keep me too");
+    for (const std::string name : {"link", "file", "folder"}) {
+        EXPECT_TRUE(folder->makeFifo(name, kMode, kGroup)) << name;
+        EXPECT_TRUE(std::filesystem::is_fifo(std::filesystem::symlink_status(sandbox.path(name)))) << name;
     }
+    EXPECT_EQ(Sandbox::read(victim), "keep me");
     EXPECT_EQ(Sandbox::mode(victim), 0600U);
-    EXPECT_FALSE(FifoReader::make(sandbox.path("none/fifo"), kMode, kGroup));
+    std::filesystem::remove_all(sandbox.path());
+    EXPECT_FALSE(folder->makeFifo("other", kMode, kGroup));
     EXPECT_EQ(errno, ENOENT);
 }
 
@@ -177,7 +182,7 @@ TEST_F(FifoReaderTest, TextOfTwoWritersAtOnceEndsWithTheLast) {
 TEST_F(FifoReaderTest, WriterBetweenAnEndAndTheNextOpeningIsReadToItsEnd) {
     ASSERT_TRUE(reader.open());
     ASSERT_TRUE(write("first"));
-    const OpenHook hook(path, [this] { EXPECT_TRUE(write("second")); });
+    const OpenHook hook("fifo", [this] { EXPECT_TRUE(write("second")); });
     EXPECT_EQ(readText(reader), "first");
     ASSERT_TRUE(OpenHook::wasUsed());
     EXPECT_EQ(readText(reader), "second");
@@ -189,7 +194,7 @@ TEST_F(FifoReaderTest, WriterThatStaysOverTheNextOpeningIsReadToItsEnd) {
     ASSERT_TRUE(reader.open());
     ASSERT_TRUE(write("first"));
     UniqueFd second;
-    const OpenHook hook(path, [this, &second] { second = writer(); });
+    const OpenHook hook("fifo", [this, &second] { second = writer(); });
     EXPECT_EQ(readText(reader), "first");
     ASSERT_TRUE(OpenHook::wasUsed());
     ASSERT_EQ(::write(second.get(), "second", 6), 6);
@@ -258,7 +263,7 @@ TEST_F(FifoReaderTest, MissingPathIsMadeAgain) {
 
 TEST_F(FifoReaderTest, LinkInItsPlaceIsNotFollowed) {
     const std::string other = sandbox.path("other");
-    ASSERT_TRUE(FifoReader::make(other, 0600, ""));
+    ASSERT_TRUE(folder->makeFifo("other", 0600, ""));
     std::filesystem::remove(path);
     std::filesystem::create_symlink(other, path);
     EXPECT_TRUE(reader.open());
@@ -267,28 +272,50 @@ TEST_F(FifoReaderTest, LinkInItsPlaceIsNotFollowed) {
     EXPECT_TRUE(CapturedLog::contains(SeverityError, madeAgain()));
 }
 
-TEST_F(FifoReaderTest, FolderInItsPlaceIsTheEnd) {
+TEST_F(FifoReaderTest, FolderInItsPlaceIsMovedAside) {
     ASSERT_TRUE(reader.open());
     UniqueFd last = writer();
     std::filesystem::remove(path);
-    std::filesystem::create_directory(path);
+    sandbox.write("fifo/inside", "keep me");
+    last.reset();
+    EXPECT_EQ(readText(reader), "");
+    EXPECT_EQ(look().st_mode, S_IFIFO | 0720U);
+    EXPECT_EQ(CapturedLog::count(SeverityError, madeAgain()), 1U);
+    ASSERT_TRUE(write("request"));
+    EXPECT_EQ(readText(reader), "request");
+}
+
+TEST_F(FifoReaderTest, FifoWithASecondNameIsNotTheirs) {
+    ASSERT_EQ(::link(path.c_str(), sandbox.path("another").c_str()), 0);
+    EXPECT_TRUE(reader.open());
+    EXPECT_EQ(look().st_nlink, 1U);
+    EXPECT_EQ(CapturedLog::count(SeverityError, madeAgain()), 1U);
+}
+
+TEST_F(FifoReaderTest, RemovedFolderIsTheEnd) {
+    ASSERT_TRUE(reader.open());
+    UniqueFd last = writer();
+    std::filesystem::remove_all(sandbox.path());
     last.reset();
     EXPECT_EQ(readText(reader), "-1");
-    EXPECT_TRUE(std::filesystem::is_directory(path));
     EXPECT_EQ(CapturedLog::lines().size(), 1U) << "told once, not at every attempt";
 }
 
-TEST_F(FifoReaderTest, ShortageOfDescriptorsIsNoReasonToMakeItAgain) {
+TEST_F(FifoReaderTest, ShortageOfDescriptorsIsWaitedOut) {
     const ino_t before = look().st_ino;
     EXPECT_EQ(inChild([this] {
                   const rlimit limit{static_cast<rlim_t>(0), 64};
                   ::setrlimit(RLIMIT_NOFILE, &limit);
+                  std::thread relief([] {
+                      std::this_thread::sleep_for(Milliseconds(1200));
+                      const rlimit enough{static_cast<rlim_t>(64), 64};
+                      ::setrlimit(RLIMIT_NOFILE, &enough);
+                  });
                   const bool opened = reader.open();
-                  const rlimit enough{static_cast<rlim_t>(64), 64};
-                  ::setrlimit(RLIMIT_NOFILE, &enough);
-                  return std::to_string(opened) + std::to_string(reader.open()) + CapturedLog::dump();
+                  relief.join();
+                  return std::to_string(opened) + CapturedLog::dump();
               }),
-              "01");
+              "1");
     EXPECT_EQ(look().st_ino, before);
 }
 
@@ -303,7 +330,7 @@ class LimitedFifoReaderTest : public FifoReaderTest {
     }
 
     void setLimits(std::int64_t silence, std::int64_t text) {
-        limited = FifoReader(path, kMode, kGroup, {silence, text});
+        limited = FifoReader(folder, "fifo", kMode, kGroup, {silence, text});
         ASSERT_TRUE(limited.open());
     }
 
@@ -321,7 +348,7 @@ class LimitedFifoReaderTest : public FifoReaderTest {
         return "A writer holds the fifo " + path + " and does not end its text. Making it again.";
     }
 
-    FifoReader limited{path, kMode, kGroup, {100, kNever}};
+    FifoReader limited{folder, "fifo", kMode, kGroup, {100, kNever}};
 };
 
 TEST_F(LimitedFifoReaderTest, SilentWriterIsLeftBehindWithTheNextText) {
@@ -399,14 +426,12 @@ TEST_F(LimitedFifoReaderTest, FifoThatCannotBeMadeAgainKeepsItsWriter) {
     setLimits(100, kNever);
     UniqueFd hung = writer();
     ASSERT_EQ(::write(hung.get(), "half", 4), 4);
-    std::filesystem::remove(path);
-    std::filesystem::create_directory(path);
+    std::filesystem::remove_all(sandbox.path());
     EXPECT_EQ(readOnce(), 4);
     EXPECT_EQ(readOnce(), FifoReader::kOverdue);
-    EXPECT_EQ(
-        CapturedLog::count(SeverityError, "The fifo " + path + " could not be made again: Is a directory"),
-        1U);
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(sandbox.path()), {}), 1);
+    EXPECT_EQ(CapturedLog::count(SeverityError,
+                                 "The fifo " + path + " could not be made again: No such file or directory"),
+              1U);
     ASSERT_EQ(::write(hung.get(), "text", 4), 4);
     EXPECT_EQ(readOnce(), 4);
     hung.reset();
@@ -417,7 +442,7 @@ TEST_F(LimitedFifoReaderTest, FifoThatCannotBeMadeAgainKeepsItsWriter) {
 void* readForEver(void* argument) {
     keywarden::Cancellation::prepareThread();
     auto& self = *static_cast<std::pair<std::string, std::atomic<long>>*>(argument);
-    FifoReader reader(self.first, kMode, kGroup, {10000, 60000});
+    FifoReader reader(Folder::at(self.first, Folder::Owner::Ours), "fifo", kMode, kGroup, {10000, 60000});
     bool usable = reader.open();
     while (usable) {
         std::array<char, 64> chunk{};
@@ -429,7 +454,7 @@ void* readForEver(void* argument) {
 }
 
 TEST_F(FifoReaderTest, ThreeThousandStopsAtRandomMoments) {
-    std::pair<std::string, std::atomic<long>> shared{path, 0};
+    std::pair<std::string, std::atomic<long>> shared{sandbox.path(), 0};
     std::atomic<bool> done{false};
     std::thread writing([this, &done] {
         while (!done) {
@@ -463,7 +488,7 @@ TEST_F(FifoReaderTest, ThreeThousandStopsAtRandomMoments) {
 }
 
 TEST_F(FifoReaderTest, ReaderOfAnEndlessTextCanBeStopped) {
-    std::pair<std::string, std::atomic<long>> shared{path, 0};
+    std::pair<std::string, std::atomic<long>> shared{sandbox.path(), 0};
     std::atomic<bool> done{false};
     pthread_t thread{};
     ASSERT_EQ(::pthread_create(&thread, nullptr, readForEver, &shared), 0);

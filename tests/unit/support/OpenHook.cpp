@@ -14,7 +14,7 @@ thread_local std::function<void()> pendingAction;
 }  // namespace
 
 // Takes the place of the C library's function in this program, and calls it.
-extern "C" int open(const char* path, int flags, ...) {
+extern "C" int openat64(int folder, const char* path, int flags, ...) {
     unsigned mode = 0;
     if ((flags & (O_CREAT | O_TMPFILE)) != 0) {
         va_list arguments;
@@ -24,9 +24,9 @@ extern "C" int open(const char* path, int flags, ...) {
     }
     if (pendingAction && (flags & O_ACCMODE) == O_RDONLY && awaitedPath == path)
         std::exchange(pendingAction, nullptr)();
-    using Open = int (*)(const char*, int, ...);
-    static const auto next = reinterpret_cast<Open>(::dlsym(RTLD_NEXT, "open"));
-    return next(path, flags, mode);
+    using Open = int (*)(int, const char*, int, ...);
+    static const auto next = reinterpret_cast<Open>(::dlsym(RTLD_NEXT, "openat64"));
+    return next(folder, path, flags, mode);
 }
 
 OpenHook::OpenHook(std::string path, std::function<void()> action) {

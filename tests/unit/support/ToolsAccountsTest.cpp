@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <functional>
@@ -176,6 +177,17 @@ TEST(ToolsAccounts, GroupsOfThisMachineComeInFileOrder) {
 TEST(ToolsAccounts, MissingGroupFileMeansNoGroups) {
     const auto answer = testsupport::inPrivateMounts([] { testsupport::mountEmptyFolder("/etc"); },
                                                      [] { return groupsAndTraces("root"); });
+    if (!answer)
+        GTEST_SKIP() << kNotChecked;
+    EXPECT_EQ(*answer, "|");
+}
+
+TEST(ToolsAccounts, FifoInTheGroupFilesPlaceMeansNoGroupsAtOnce) {
+    const auto putFifo = [] {
+        testsupport::mountEmptyFolder("/etc");
+        ::mkfifo("/etc/group", 0644);
+    };
+    const auto answer = testsupport::inPrivateMounts(putFifo, [] { return groupsAndTraces("root"); });
     if (!answer)
         GTEST_SKIP() << kNotChecked;
     EXPECT_EQ(*answer, "|");

@@ -1,4 +1,4 @@
-#include "stores/RegularFile.h"
+#include "support/RegularFile.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
