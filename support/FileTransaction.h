@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -17,25 +18,32 @@ namespace keywarden {
 ///
 /// Only steps in the journal's folders count for that; files elsewhere (what is made again at every start)
 /// are moved in their turn, but neither synced nor journalled. A change of one file needs no journal.
+///
+/// A change that an earlier one left unfinished is brought to its end first; while it cannot be, nothing else
+/// is changed.
 class FileTransaction {
   public:
-    explicit FileTransaction(const Journal& journal) : journal_(journal) {}
+    explicit FileTransaction(Journal& journal);
 
     /// FileWriter::stage, whose exceptions it throws; the steps before stay added. A folder in the file's
     /// place is refused at once: its rename would fail only after the files before it are in place.
     void stage(const std::string& path, std::string_view content, FileAttributes attributes);
-    /// Common::removeFile in its turn. What cannot be removed is logged, and stays journalled for the next
-    /// start.
+    /// FolderSet::remove in its turn. What cannot be removed is logged, and stays journalled for the next
+    /// change or start.
     void remove(const std::string& path);
     /// Runs in its turn; must not throw.
     void call(std::function<void()> action);
+    /// An event that the owner has to be told of when the change is done (Journal).
+    void tell(Journal::Event event) { events_.push_back(std::move(event)); }
 
-    /// When a file cannot be put in place, `repair` runs before the journal is given up: a start after a
-    /// crash in between still finishes the change. Must not throw.
-    void onFailure(std::function<void()> repair) { repair_ = std::move(repair); }
+    /// Two staged files, in this order, that are of use only together. When the second cannot be put in
+    /// place, the first one's earlier file is put back, whatever ends the process meanwhile: with the same
+    /// guarantee, old or new.
+    void together(const std::string& first, const std::string& second);
 
     /// Throws FileWriteError. When a content or the journal cannot be written nothing has changed; when a
-    /// file cannot be put in place the steps before it are done, and those after it never will be.
+    /// file cannot be put in place the steps before it are done, and those after it never will be, or, where
+    /// not even that can be written down, all will be: by the next change or start.
     void commit();
     /// The same, but without a journal where none can be written: for a change that must be tried all the
     /// same.
@@ -48,20 +56,37 @@ class FileTransaction {
         std::string temporary;
         std::function<void()> action;
     };
+    struct Pair {
+        std::string first;
+        std::string second;
+        std::string
+            earlier;  ///< temporary that is a second name of the first one's earlier file; empty: none
+        bool hadEarlier = false;
+        FolderPtr folder;  ///< the first one's
+    };
 
+    [[nodiscard]] std::string stagedName(const std::string& path, std::string_view content,
+                                         const FileAttributes& attributes);
+    void refuseWhileUnfinished() const;
     [[nodiscard]] bool needsJournal() const;
     [[nodiscard]] Journal::Steps durableSteps() const;
     void writeJournal();
+    void goOnWithoutJournal();
+    void keepEarlier();
+    void removeEarlier() const;
     void run();
     void run(const Step& step);
-    void abandon();
+    void abandon(const std::string& failed);
+    [[nodiscard]] bool mustPutBack(const std::string& failed) const;
+    void putBack();
     void finish();
     void syncFolders(bool withJournalsOwn) const;
 
-    const Journal& journal_;
+    Journal& journal_;
     FileWriter writer_;
     std::vector<Step> steps_;
-    std::function<void()> repair_;
+    Journal::Events events_;
+    Pair pair_;
     bool journalled_ = false;
     bool allRemoved_ = true;
 };

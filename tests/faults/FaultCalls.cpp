@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdarg>
@@ -23,7 +24,7 @@ struct Session {
     std::string fleeting;
     Plan plan;
     PowerModel model;
-    unsigned calls = 0;
+    Calls calls;
 };
 
 // Null outside of a session, and while the session itself works on the disk.
@@ -34,9 +35,9 @@ Function next(const char* name) {
     return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
 }
 
-[[noreturn]] void cutPower(Session& session) {
+[[noreturn]] void cutPower(Session& session, unsigned luckyFolders) {
     current = nullptr;
-    const Tree left = session.model.afterCut(session.plan.luckyFolders);
+    const Tree left = session.model.afterCut(luckyFolders);
     writeTree(session.durable, left);
     // In memory on a device: only the services' own folders are there again before their stores start.
     Tree services;
@@ -74,35 +75,41 @@ bool countsAt(int folder, const char* path) {
     return counts(folder);
 }
 
+const Fault* faultAt(const Session& session, unsigned call) {
+    const auto found = std::find_if(session.plan.begin(), session.plan.end(),
+                                    [call](const Fault& fault) { return fault.call == call; });
+    return found == session.plan.end() ? nullptr : &*found;
+}
+
 /// One call: `effect` tells the model of its success.
 template <typename Call, typename Effect>
-auto point(Call call, Effect effect) -> decltype(call()) {
+auto point(const std::string& name, Call call, Effect effect) -> decltype(call()) {
     Session& session = *std::exchange(current, nullptr);
-    const Plan& plan = session.plan;
-    const bool isIt = ++session.calls == plan.call;
-    if (isIt && plan.kind == Plan::Kind::KillBefore)
+    session.calls.names.push_back(name);
+    const Fault* const fault = faultAt(session, session.calls.count());
+    if (fault != nullptr && fault->kind == Fault::Kind::KillBefore)
         ::_exit(kEnded);
-    if (isIt && plan.kind == Plan::Kind::Fail) {
+    if (fault != nullptr && fault->kind == Fault::Kind::Fail) {
         current = &session;
-        errno = plan.error;
+        errno = fault->error;
         return -1;
     }
     const auto result = call();
     const int error = errno;
     if (result >= 0)
         effect(session.model, result);
-    if (isIt && plan.kind == Plan::Kind::KillAfter)
+    if (fault != nullptr && fault->kind == Fault::Kind::KillAfter)
         ::_exit(kEnded);
-    if (isIt && plan.kind == Plan::Kind::PowerCut)
-        cutPower(session);
+    if (fault != nullptr)
+        cutPower(session, fault->luckyFolders);
     current = &session;
     errno = error;
     return result;
 }
 
 template <typename Call>
-auto point(Call call) -> decltype(call()) {
-    return point(call, [](PowerModel&, auto) {});
+auto point(const std::string& name, Call call) -> decltype(call()) {
+    return point(name, call, [](PowerModel&, auto) {});
 }
 
 bool changes(int flags) {
@@ -120,7 +127,7 @@ int openAs(const char* name, int folder, const char* path, int flags, unsigned m
     };
     if (!changes(flags) || !countsAt(folder, path))
         return call();
-    return point(call, [flags](PowerModel& model, int file) {
+    return point(std::string(name) + " " + path, call, [flags](PowerModel& model, int file) {
         if ((flags & O_EXCL) != 0)
             model.created(file);
     });
@@ -129,20 +136,21 @@ int openAs(const char* name, int folder, const char* path, int flags, unsigned m
 template <typename... Arguments>
 int onPath(const char* name, int folder, const char* path, Arguments... arguments) {
     const auto call = [&] { return next<int (*)(Arguments...)>(name)(arguments...); };
-    return countsAt(folder, path) ? point(call) : call();
+    return countsAt(folder, path) ? point(std::string(name) + " " + path, call) : call();
 }
 
 template <typename... Arguments>
 int onFile(const char* name, int file, Arguments... arguments) {
     const auto call = [&] { return next<int (*)(int, Arguments...)>(name)(file, arguments...); };
-    return counts(file) ? point(call) : call();
+    return counts(file) ? point(std::string(name) + " " + pathOf(file), call) : call();
 }
 
 int sync(const char* name, int file) {
     const auto call = [&] { return next<int (*)(int)>(name)(file); };
     if (!counts(file))
         return call();
-    return point(call, [file](PowerModel& model, int) { model.synced(file); });
+    return point(std::string(name) + " " + pathOf(file), call,
+                 [file](PowerModel& model, int) { model.synced(file); });
 }
 
 std::unique_ptr<Session> armed;
@@ -150,15 +158,21 @@ std::unique_ptr<Session> armed;
 }  // namespace
 
 void arm(const std::string& durable, const std::string& fleeting, const Plan& plan) {
-    armed = std::make_unique<Session>(Session{durable, fleeting, plan, PowerModel(durable)});
+    armed = std::make_unique<Session>(Session{durable, fleeting, plan, PowerModel(durable), Calls()});
     current = armed.get();
 }
 
-unsigned disarm() {
+void mark() {
+    if (armed)
+        armed->calls.beforeMark = armed->calls.count();
+}
+
+Calls disarm() {
     current = nullptr;
     Session& session = *armed;
-    if (session.plan.kind == Plan::Kind::PowerCut && session.plan.call == session.calls + 1)
-        cutPower(session);
+    const Fault* const fault = faultAt(session, session.calls.count() + 1);
+    if (fault != nullptr && fault->kind == Fault::Kind::PowerCut)
+        cutPower(session, fault->luckyFolders);
     return session.calls;
 }
 
@@ -243,7 +257,7 @@ int faultsOpenat64(int folder, const char* path, int flags, ...) {
 
 ssize_t faultsWrite(int file, const void* data, size_t size) {
     const auto call = [&] { return next<ssize_t (*)(int, const void*, size_t)>("write")(file, data, size); };
-    return counts(file) ? point(call) : call();
+    return counts(file) ? point("write " + pathOf(file), call) : call();
 }
 
 int faultsClose(int file) {
@@ -251,7 +265,7 @@ int faultsClose(int file) {
     const auto call = [&] { return next<int (*)(int)>("close")(file); };
     if (current == nullptr || !isOpenForWriting(file) || !counts(file))
         return call();
-    const int result = point([] { return 0; });
+    const int result = point("close " + pathOf(file), [] { return 0; });
     const int error = errno;
     call();
     errno = error;

@@ -1,25 +1,21 @@
 #include "FaultRun.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <iostream>
-#include <sstream>
 
-#include "testsupport/CapturedLog.h"
+#include "OneRun.h"
 #include "testsupport/Child.h"
-#include "testsupport/TestDevice.h"
 
 namespace faults {
 
 namespace {
 
-using testsupport::inChild;
-using testsupport::TestDevice;
+using Outcome = Ran::Outcome;
 
 // Instrumented code takes several times as long: it meets a part of the faults, another one in each
 // scenario's series of kinds.
@@ -30,19 +26,22 @@ constexpr unsigned kStep = 1;
 #endif
 
 constexpr unsigned kMostReported = 10;
+// Nothing that was not synced; everything but contents; and folders that were luckier than others.
+constexpr unsigned kNoLuck = 0;
+constexpr unsigned kLuck = 0xFF;
+constexpr unsigned kEvenFolders = 0x55;
+constexpr unsigned kOddFolders = 0xAA;
 
 struct Total {
     unsigned injected = 0;
     unsigned bad = 0;
 };
 
-std::string textOf(const char* what, const Total& total) {
-    return std::string(what) + ": faults injected: " + std::to_string(total.injected) +
+std::string textOf(const std::string& what, const Total& total, unsigned step) {
+    return what + ": faults injected: " + std::to_string(total.injected) +
            ", survived: " + std::to_string(total.injected - total.bad) +
            ", bad: " + std::to_string(total.bad) +
-           (kStep == 1 ? ""
-                       : " (every " + std::to_string(kStep) + "th point, for want of time in this build)") +
-           "\n";
+           (step == 1 ? "" : " (every " + std::to_string(step) + "th, for want of time)") + "\n";
 }
 
 Total& all() {
@@ -52,163 +51,196 @@ Total& all() {
 
 class PrintTotal : public testing::Environment {
   public:
-    void TearDown() override { std::cout << textOf("All scenarios", all()); }
+    void TearDown() override { std::cout << textOf("All scenarios", all(), kStep); }
 };
 
 [[maybe_unused]] testing::Environment* const printTotal =
     testing::AddGlobalTestEnvironment(new PrintTotal);  // owned by the framework
 
-/// Everything that the daemon keeps, durable and fleeting.
-struct Device {
-    std::string durable = TestDevice::get().keywardDirectory();
-    std::string fleeting = TestDevice::get().pipesDirectory();
-    Tree durableTree;
-    Tree fleetingTree;
+/// The runs of one series: thinned out, counted, and told at its end.
+class Series {
+  public:
+    Series(const Scenario& scenario, std::string what, unsigned step)
+        : scenario_(scenario), what_(std::move(what)), step_(step * kStep) {}
 
-    void keep() {
-        durableTree = readTree(durable);
-        fleetingTree = readTree(fleeting);
+    [[nodiscard]] bool isNextWanted() { return met_++ % step_ == 0; }
+
+    void count(const Plan& plan, const std::string& wrong) {
+        ++total_.injected;
+        if (wrong.empty())
+            return;
+        ++total_.bad;
+        if (total_.bad <= kMostReported)
+            ADD_FAILURE() << scenario_.name << what_ << ", " << describe(plan) << ": " << wrong;
     }
-    void restore() const {
-        writeTree(durable, durableTree);
-        writeTree(fleeting, fleetingTree);
+
+    void end(const std::string& more) {
+        all().injected += total_.injected;
+        all().bad += total_.bad;
+        std::cout << textOf(scenario_.name + what_ + more, total_, step_);
+        EXPECT_EQ(0U, total_.bad);
     }
+
+  private:
+    const Scenario& scenario_;
+    std::string what_;
+    unsigned step_;
+    unsigned met_ = 0;
+    Total total_;
 };
 
-enum class Outcome { Confirmed, Failed, Ended, Broken };
-
-struct Ran {
-    Outcome outcome;
-    unsigned calls;
-};
-
-/// The operation with one fault, in a child; the number of calls comes back through its exit status.
-Ran runOnce(const Scenario& scenario, const Device& device, const Plan& plan, unsigned* calls = nullptr) {
-    device.restore();
-    std::cout.flush();
-    const std::string counted = TestDevice::get().sandbox().path("calls");
-    const pid_t child = ::fork();
-    if (child == 0) {
-        int code = 0;
-        try {
-            const std::function<void()> operation = scenario.begin();
-            arm(device.durable, device.fleeting, plan);
-            try {
-                operation();
-            } catch (const std::exception&) {
-                code = 1;
-            }
-            const unsigned number = disarm();
-            if (plan.kind == Plan::Kind::Count)
-                static_cast<void>(TestDevice::get().sandbox().write("calls", std::to_string(number)));
-        } catch (const std::exception& error) {
-            std::cerr << scenario.name << ": " << error.what() << "\n";
-            code = 2;
-        }
-        ::_exit(code);
-    }
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (calls != nullptr)
-        *calls = static_cast<unsigned>(std::stoul(testsupport::Sandbox::read(counted)));
-    if (!WIFEXITED(status))
-        return {Outcome::Broken, 0};
-    switch (WEXITSTATUS(status)) {
-        case 0:
-            return {Outcome::Confirmed, 0};
-        case 1:
-            return {Outcome::Failed, 0};
-        case kEnded:
-            return {Outcome::Ended, 0};
-        default:
-            return {Outcome::Broken, 0};
-    }
-}
-
-std::string describe(const Plan& plan) {
-    const std::string where = " call " + std::to_string(plan.call);
-    switch (plan.kind) {
-        case Plan::Kind::KillBefore:
-            return "end before" + where;
-        case Plan::Kind::KillAfter:
-            return "end after" + where;
-        case Plan::Kind::Fail:
-            return "errno " + std::to_string(plan.error) + " of" + where;
-        case Plan::Kind::PowerCut:
-            return "power cut after" + where + ", lucky folders " + std::to_string(plan.luckyFolders);
-        default:
-            return "no fault";
-    }
-}
-
-/// What is wrong after the restart; empty when nothing is.
-std::string judge(const Scenario& scenario, bool isConfirmed) {
-    std::string found;
-    try {
-        found = inChild(scenario.restart);
-    } catch (const std::exception& error) {
-        return std::string("the restart failed: ") + error.what();
-    }
-    std::istringstream lines(found);
-    std::string state;
-    std::getline(lines, state);
-    const std::string faults = found.substr(std::min(found.size(), state.size() + 1));
-    const auto& allowed = isConfirmed ? scenario.confirmed : scenario.unconfirmed;
-    if (allowed.count(state) == 0)
-        return "the state is '" + state + "'" + (isConfirmed ? " after a confirmation\n" : "\n") + faults;
-    return faults;
-}
-
-std::vector<Plan> plansFor(unsigned calls) {
-    std::vector<Plan> plans;
-    for (unsigned call = 1; call <= calls; ++call) {
-        plans.push_back({Plan::Kind::KillBefore, call, 0, 0});
-        plans.push_back({Plan::Kind::KillAfter, call, 0, 0});
-        for (const int error : {ENOSPC, EIO, EACCES})
-            plans.push_back({Plan::Kind::Fail, call, error, 0});
-    }
-    // Nothing that was not synced; everything but contents; and folders that were luckier than others.
-    for (unsigned call = 1; call <= calls + 1; ++call)
-        for (const unsigned lucky : {0U, 0xFFU, 0x55U, 0xAAU})
-            plans.push_back({Plan::Kind::PowerCut, call, 0, lucky});
-    return plans;
-}
-
-}  // namespace
-
-void runAllFaults(const Scenario& scenario) {
+Device prepared(const Scenario& scenario) {
     Device device;
-    writeTree(device.durable, {});
-    writeTree(device.fleeting, {});
-    inChild([&scenario] {
+    device.clear();
+    testsupport::inChild([&scenario] {
         scenario.prepare();
         return std::string();
     });
     device.keep();
-    unsigned calls = 0;
-    ASSERT_EQ(Outcome::Confirmed, runOnce(scenario, device, Plan(), &calls).outcome) << scenario.name;
-    ASSERT_EQ("", judge(scenario, true)) << scenario.name << " without a fault";
-    ASSERT_GT(calls, 0U);
-    Total total;
-    const std::vector<Plan> plans = plansFor(calls);
-    for (std::size_t at = 0; at < plans.size(); at += kStep) {
-        const Outcome outcome = runOnce(scenario, device, plans[at]).outcome;
-        const bool isConfirmed = outcome == Outcome::Confirmed ||
-                                 (plans[at].kind == Plan::Kind::PowerCut && plans[at].call > calls);
-        const std::string wrong =
-            outcome == Outcome::Broken ? "the process crashed" : judge(scenario, isConfirmed);
-        ++total.injected;
-        if (wrong.empty())
-            continue;
-        ++total.bad;
-        if (total.bad <= kMostReported)
-            ADD_FAILURE() << scenario.name << ", " << describe(plans[at]) << ": " << wrong;
+    return device;
+}
+
+/// One run of the operation from the device's state on, and its judgement.
+std::string run(const Scenario& scenario, const Device& device, const Plan& plan, unsigned calls) {
+    device.restore();
+    const Ran ran = runOnce(scenario.name, device, scenario.begin, plan);
+    if (ran.outcome == Outcome::Broken)
+        return "the process crashed";
+    const std::string afterwards =
+        judge(scenario, plan, ran.outcome == Outcome::Confirmed || endsAfter(plan, calls));
+    return ran.examined.empty() ? afterwards : "still running: " + ran.examined + afterwards;
+}
+
+std::vector<Fault> singleFaults(unsigned calls) {
+    std::vector<Fault> faults;
+    for (unsigned call = 1; call <= calls; ++call) {
+        faults.push_back({Fault::Kind::KillBefore, call, 0, 0});
+        faults.push_back({Fault::Kind::KillAfter, call, 0, 0});
+        for (const int error : {ENOSPC, EIO, EACCES})
+            faults.push_back({Fault::Kind::Fail, call, error, 0});
     }
-    all().injected += total.injected;
-    all().bad += total.bad;
-    std::cout << textOf((scenario.name + " (" + std::to_string(calls) + " calls)").c_str(), total);
-    EXPECT_EQ(0U, total.bad);
+    for (unsigned call = 1; call <= calls + 1; ++call)
+        for (const unsigned lucky : {kNoLuck, kLuck, kEvenFolders, kOddFolders})
+            faults.push_back({Fault::Kind::PowerCut, call, 0, lucky});
+    return faults;
+}
+
+/// Fewer kinds: there is one set for each first fault.
+std::vector<Fault> secondFaults(unsigned from, unsigned calls) {
+    std::vector<Fault> faults;
+    for (unsigned call = from; call <= calls; ++call) {
+        faults.push_back({Fault::Kind::KillBefore, call, 0, 0});
+        faults.push_back({Fault::Kind::KillAfter, call, 0, 0});
+        faults.push_back({Fault::Kind::Fail, call, EIO, 0});
+        faults.push_back({Fault::Kind::PowerCut, call, 0, kNoLuck});
+        faults.push_back({Fault::Kind::PowerCut, call, 0, call % 2 == 0 ? kEvenFolders : kOddFolders});
+    }
+    return faults;
+}
+
+bool startsWith(const std::string& text, const std::string& start) {
+    return text.rfind(start, 0) == 0;
+}
+
+bool endsWith(const std::string& text, const std::string& end) {
+    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+std::string callsText(unsigned calls) {
+    return " (" + std::to_string(calls) + " calls)";
+}
+
+}  // namespace
+
+std::vector<unsigned> moveAfterTheKey(const Calls& calls) {
+    for (unsigned call = 1; call < calls.count(); ++call)
+        if (startsWith(calls.names[call - 1], "renameat") && endsWith(calls.names[call - 1], ".0.key"))
+            return {call + 1};
+    return {};
+}
+
+std::vector<unsigned> endOfTheJournal(const faults::Calls& calls) {
+    std::vector<unsigned> ends;
+    bool isJournalled = false;
+    for (unsigned call = 1; call <= calls.beforeMark; ++call) {
+        const std::string& name = calls.names[call - 1];
+        isJournalled = isJournalled || (startsWith(name, "renameat") && endsWith(name, ".journal"));
+        const bool isSync = startsWith(name, "fsync");
+        const bool isRemoval = startsWith(name, "unlinkat") && endsWith(name, ".journal");
+        if (isJournalled && (isSync || isRemoval))
+            ends.push_back(call);
+    }
+    // The sync of the journal itself, the first one, is the earlier change's own fault.
+    if (!ends.empty())
+        ends.erase(ends.begin());
+    return ends;
+}
+
+bool isAllAskedFor() {
+    const char* const asked = std::getenv("FAULTS_ALL");
+    return asked != nullptr && std::string(asked) == "1";
+}
+
+void runAllFaults(const Scenario& scenario) {
+    const Device device = prepared(scenario);
+    device.restore();
+    const Ran whole = runOnce(scenario.name, device, scenario.begin, {});
+    ASSERT_EQ(Outcome::Confirmed, whole.outcome) << scenario.name;
+    ASSERT_EQ("", judge(scenario, {}, true)) << scenario.name << " without a fault";
+    const unsigned calls = whole.calls.count();
+    ASSERT_GT(calls, 0U);
+    Series series(scenario, "", 1);
+    for (const Fault& fault : singleFaults(calls))
+        if (series.isNextWanted())
+            series.count({fault}, run(scenario, device, {fault}, calls));
+    series.end(callsText(calls));
+}
+
+void runSecondFaults(const Scenario& scenario, const FirstFaults& firsts) {
+    const Device device = prepared(scenario);
+    device.restore();
+    const Ran whole = runOnce(scenario.name, device, scenario.begin, {});
+    ASSERT_EQ(Outcome::Confirmed, whole.outcome) << scenario.name;
+    const std::vector<unsigned> places = firsts(whole.calls);
+    ASSERT_FALSE(places.empty()) << scenario.name;
+    Series series(scenario, ", second fault", 1);
+    for (const unsigned place : places) {
+        const Fault first{Fault::Kind::Fail, place, EIO, 0};
+        device.restore();
+        const Calls calls = runOnce(scenario.name, device, scenario.begin, {first}).calls;
+        series.count({first}, run(scenario, device, {first}, calls.count()));
+        for (const Fault& second : secondFaults(std::max(place, calls.beforeMark) + 1, calls.count()))
+            if (series.isNextWanted())
+                series.count({first, second}, run(scenario, device, {first, second}, calls.count()));
+    }
+    series.end(callsText(whole.calls.count()));
+}
+
+void runFaultsOfRecovery(const Scenario& scenario, unsigned step) {
+    const Device device = prepared(scenario);
+    device.restore();
+    const unsigned calls = runOnce(scenario.name, device, scenario.begin, {}).calls.count();
+    ASSERT_GT(calls, 0U);
+    Series series(scenario, ", fault of the recovery", isAllAskedFor() ? 1 : step);
+    for (unsigned call = 1; call <= calls; ++call) {
+        const Fault first{Fault::Kind::KillAfter, call, 0, 0};
+        device.restore();
+        ASSERT_EQ(Outcome::Ended, runOnce(scenario.name, device, scenario.begin, {first}).outcome);
+        Device cut;
+        cut.keep();
+        const Ran start = runOnce(scenario.name, cut, scenario.start, {});
+        ASSERT_EQ(Outcome::Confirmed, start.outcome) << scenario.name << ", " << describe({first});
+        for (const Fault& second : secondFaults(1, start.calls.count())) {
+            if (!series.isNextWanted())
+                continue;
+            cut.restore();
+            const Ran ran = runOnce(scenario.name, cut, scenario.start, {second});
+            series.count({first, second}, ran.outcome == Outcome::Broken
+                                              ? "the start crashed"
+                                              : ran.examined + judge(scenario, {first, second}, false));
+        }
+    }
+    series.end(callsText(calls));
 }
 
 std::vector<std::string> namesIn(const std::string& folder) {

@@ -4,9 +4,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <functional>
 #include <memory>
+#include <set>
 
 #include "FaultRun.h"
+#include "Told.h"
+#include "callbacks/Delivery.h"
 #include "callbacks/ServiceCallbacks.h"
 #include "config/InternalCertificatesAccessor.h"
 #include "config/ServiceConfiguration.h"
@@ -20,6 +25,9 @@
 namespace {
 
 using faults::runAllFaults;
+using faults::runFaultsOfRecovery;
+using faults::Running;
+using faults::runSecondFaults;
 using faults::Scenario;
 using keywarden::InternalCertificatesAccessor;
 using keywarden::NetworkInfo;
@@ -32,23 +40,41 @@ using testsupport::TestDevice;
 constexpr const char* kService = "web";
 constexpr const char* kAuthority = "pkiroot";
 
-class SilentOwner : public keywarden::ServiceCallbacks {
+/// Keeps what it is told, by the certificate that is in its place at that moment.
+class RecordingOwner : public keywarden::ServiceCallbacks {
   public:
+    explicit RecordingOwner(std::string service) : service_(std::move(service)) {}
     void started() override {}
     void stopped() override {}
     void allStarted() override {}
-    void newGeneratedCertificate(const std::string&) override {}
+    void newGeneratedCertificate(const std::string& id) override {
+        const InternalCertificatesAccessor store(service_, "server");
+        if (service_ == kService && Sandbox::exists(store.certPath(id)))
+            faults::recordTold(faults::eventOf("new", Sandbox::read(store.certPath(id))));
+    }
     void updateValidityGeneratedCertificate(int, int) override {}
     void newExternalCertificate(const std::string&, const std::string&) override {}
     void revokedExternalCertificate(const std::string&, const std::string&) override {}
     void revokedExternalCertificate(const std::string&, const std::vector<std::string>&) override {}
+
+  private:
+    std::string service_;
+};
+
+/// Every event is cut off, by a stop of the daemon.
+class CutOffOwner : public RecordingOwner, public keywarden::Delivery {
+  public:
+    CutOffOwner() : RecordingOwner("") {}
+    [[nodiscard]] bool lastEventWasDelivered() const override { return false; }
 };
 
 /// A service's server with its configuration; starting it is its construction.
 class RunningServer {
   public:
     explicit RunningServer(const std::string& service)
-        : configuration_(service), server_(configuration_, std::make_shared<SilentOwner>()) {}
+        : RunningServer(service, std::make_shared<RecordingOwner>(service)) {}
+    RunningServer(const std::string& service, std::shared_ptr<keywarden::ServiceCallbacks> owner)
+        : configuration_(service), server_(configuration_, std::move(owner)) {}
     Server& operator*() { return server_; }
     Server* operator->() { return &server_; }
 
@@ -56,6 +82,7 @@ class RunningServer {
     ServiceConfiguration configuration_;
     Server server_;
 };
+using ServerPtr = std::shared_ptr<RunningServer>;
 
 IssuedCertificate issued(const std::string& commonName, bool ca = false) {
     testsupport::CertificateOptions options;
@@ -69,6 +96,8 @@ void install(Server& server, const IssuedCertificate& pair) {
     server.installCertificate(keywarden::X509_T::fromPem(pair.certificatePem), keywarden::EVP_PKEY_T(keyPath),
                               NetworkInfo(std::string("/nonexistent")));
 }
+
+constexpr unsigned kPairsOfRecovery = 101;
 
 class ServerFaults : public testing::Test {
   protected:
@@ -98,13 +127,120 @@ class ServerFaults : public testing::Test {
 
     /// Whether the certificate in force is the old one, the given new one or a third, and what is wrong.
     [[nodiscard]] std::string startAndLook(const std::string& newPem) const {
-        RunningServer server(kService);
+        const RunningServer server(kService);
         const InternalCertificatesAccessor store(kService, "server");
         const std::string id = store.getActive();
-        return stateOf(store, id, newPem) + "\n" + faultsOf(store, id);
+        const std::string state = stateOf(store, id, newPem);
+        std::string faults = faultsOf(store, id);
+        // Whatever has taken the old one's place, the owner uses it by now.
+        if (state != "old" && state != "none")
+            faults += faults::untold(faults::eventOf("new", Sandbox::read(store.certPath(id))));
+        return state + "\n" + faults;
+    }
+
+    /// A scenario whose new certificate is the given one, or any other than the old one.
+    [[nodiscard]] Scenario scenario(const std::string& name, const std::string& newPem) const {
+        Scenario made;
+        made.name = name;
+        made.prepare = oldPairInForce();
+        made.start = [this] { return starting(); };
+        made.restart = [this, newPem] { return startAndLook(newPem); };
+        return made;
+    }
+
+    /// What a server that runs already does.
+    [[nodiscard]] Running running(const ServerPtr& server, std::function<void(Server&)> operation) const {
+        return {[server, operation = std::move(operation)] { operation(**server); },
+                [this, server](unsigned) { return examine(*server); }};
+    }
+
+    /// A start, and perhaps more.
+    [[nodiscard]] Running starting(std::function<void(Server&)> operation = {}) const {
+        const auto server = std::make_shared<ServerPtr>();
+        return {[server, operation = std::move(operation)] {
+                    *server = std::make_shared<RunningServer>(kService);
+                    if (operation)
+                        operation(***server);
+                },
+                [this, server](unsigned) { return *server ? examine(**server) : std::string(); }};
+    }
+
+    /// After a failure, in the process that goes on.
+    [[nodiscard]] std::string examine(RunningServer& server) const {
+        const InternalCertificatesAccessor store(kService, "server");
+        if (!isPairWhole(store))
+            server->checkTimeValidity();
+        std::string faults;
+        if (!isPairWhole(store))
+            faults += "the pair is none, also after a check\n";
+        faults += recordFaultsOf(store, server);
+        install(*server, next_);
+        if (stateOf(store, store.getActive(), next_.certificatePem) != "new")
+            faults += "the next installation does not count\n";
+        if (!isPairWhole(store))
+            faults += "the next installation left no pair\n";
+        faults += recordFaultsOf(store, server);
+        return faults + faults::untold(faults::eventOf("new", next_.certificatePem + "\n"));
+    }
+
+    /// Both files or, of one that was revoked or never there, none.
+    static bool isPairWhole(const InternalCertificatesAccessor& store) {
+        const std::string id = store.getActive();
+        if (id.empty() || (!Sandbox::exists(store.certPath(id)) && !Sandbox::exists(store.certKeyPath(id))))
+            return true;
+        try {
+            return keywarden::keyMatchesCertificate(keywarden::EVP_PKEY_T(store.certKeyPath(id)),
+                                                    keywarden::X509_T(store.certPath(id)));
+        } catch (const std::exception&) {
+            return false;
+        }
+    }
+
+    static std::string recordFaultsOf(const InternalCertificatesAccessor& store, RunningServer& server) {
+        const std::string id = store.getActive();
+        if (id.empty() || !Sandbox::exists(store.certPath(id)))
+            return {};
+        const bool isSelfSigned = keywarden::isSelfSignedCertificate(keywarden::X509_T(store.certPath(id)));
+        const bool isRight = server->isCertificateSelfSigned() == isSelfSigned &&
+                             server->isCertificateCASigned() != isSelfSigned;
+        return isRight ? std::string() : "the server speaks of another certificate than the one in force\n";
+    }
+
+    [[nodiscard]] Running installing(const IssuedCertificate& pair) const {
+        const auto server = std::make_shared<RunningServer>(kService);
+        return running(server, [&pair](Server& running) { install(running, pair); });
+    }
+
+    static bool isInForce(const IssuedCertificate& pair) {
+        const InternalCertificatesAccessor store(kService, "server");
+        return Sandbox::read(store.certPath(store.getActive())) == pair.certificatePem + "\n";
+    }
+
+    /// The key is in its place, the certificate is not, and the journal stands.
+    void cutBetweenTheMoves(const IssuedCertificate& pair) const {
+        oldPairInForce()();
+        const InternalCertificatesAccessor store(kService, "server");
+        const std::string keyPath = store.certKeyPath(store.getActive());
+        const std::string journal = TestDevice::get().keywardDirectory() + "/web/server/.cacheddata/.journal";
+        const std::string key = Sandbox::read(keyPath);
+        for (unsigned call = 1; Sandbox::read(keyPath) == key || !Sandbox::exists(journal); ++call) {
+            const pid_t child = ::fork();
+            if (child == 0) {
+                RunningServer server(kService);
+                faults::arm(TestDevice::get().keywardDirectory(), TestDevice::get().pipesDirectory(),
+                            {{faults::Fault::Kind::KillAfter, call, 0, 0}});
+                install(*server, pair);
+                ::_exit(0);
+            }
+            int status = 0;
+            ::waitpid(child, &status, 0);
+            if (WEXITSTATUS(status) == 0)
+                throw std::runtime_error("the installation was never cut short between its moves");
+        }
     }
 
     IssuedCertificate old_ = issued("old.example");
+    IssuedCertificate next_ = issued("next.example");
 
   private:
     [[nodiscard]] std::string stateOf(const InternalCertificatesAccessor& store, const std::string& id,
@@ -124,7 +260,9 @@ class ServerFaults : public testing::Test {
             if (name == id || name == ".cacheddata")
                 continue;
             if (name != id + ".key")
-                faults += "neither pointed at nor removed: " + name + "\n";
+                faults +=
+                    (isNamedInWarning(name) ? faults::kNamedInWarning : "neither pointed at nor removed: ") +
+                    name + "\n";
             else if ((Sandbox::mode(folder + name) & 0137U) != 0)
                 faults += "the key can be read by others\n";
         }
@@ -134,6 +272,15 @@ class ServerFaults : public testing::Test {
         if (Sandbox::exists(store.csrPath()) || Sandbox::exists(store.csrKeyPath()))
             faults += "a pending request has survived\n";
         return faults + pairFaultsOf(store, id);
+    }
+
+    static bool isNamedInWarning(const std::string& file) {
+        constexpr std::size_t kIdLength = 10;
+        const auto lines = testsupport::CapturedLog::lines();
+        return std::any_of(lines.begin(), lines.end(), [&file](const testsupport::LogLine& line) {
+            return line.severity == keywarden::SeverityWarning &&
+                   line.text.find(file.substr(0, kIdLength)) != std::string::npos;
+        });
     }
 
     static std::string pairFaultsOf(const InternalCertificatesAccessor& store, const std::string& id) {
@@ -158,161 +305,174 @@ class ServerFaults : public testing::Test {
     std::string settings_;
 };
 
-using Operation = std::function<void()>;
-
 TEST_F(ServerFaults, FirstInstallationByTheStart) {
     configure("selfSignedGeneration yes\n");
-    Scenario scenario;
-    scenario.name = "first installation";
-    scenario.prepare = [] { makeFolders(kService); };
-    scenario.begin = [] { return Operation([] { RunningServer{kService}; }); };
-    scenario.restart = [this] { return startAndLook(""); };
-    scenario.unconfirmed = {"new"};
-    runAllFaults(scenario);
+    Scenario made = scenario("first installation", "");
+    made.prepare = [] { makeFolders(kService); };
+    made.begin = [this] { return starting(); };
+    made.unconfirmed = {"new"};
+    runAllFaults(made);
 }
 
 TEST_F(ServerFaults, FirstInstallationOfAGivenPair) {
     configure();
     const IssuedCertificate pair = issued("new.example");
-    Scenario scenario;
-    scenario.name = "start and installation of a given pair";
-    scenario.prepare = [] { makeFolders(kService); };
-    scenario.begin = [&pair] { return Operation([&pair] { install(*RunningServer(kService), pair); }); };
-    scenario.restart = [this, &pair] { return startAndLook(pair.certificatePem); };
-    scenario.unconfirmed = {"none", "new"};
-    runAllFaults(scenario);
+    Scenario made = scenario("start and installation of a given pair", pair.certificatePem);
+    made.prepare = [] { makeFolders(kService); };
+    made.begin = [&] { return starting([&pair](Server& server) { install(server, pair); }); };
+    made.unconfirmed = {"none", "new"};
+    runAllFaults(made);
 }
 
 TEST_F(ServerFaults, InstallationWithANewSubject) {
     configure("selfSignedGeneration yes\n");
     const IssuedCertificate pair = issued("new.example");
-    Scenario scenario;
-    scenario.name = "installation, new subject";
-    scenario.prepare = oldPairInForce();
-    scenario.begin = [&pair] {
-        const auto server = std::make_shared<RunningServer>(kService);
-        return Operation([server, &pair] { install(**server, pair); });
-    };
-    scenario.restart = [this, &pair] { return startAndLook(pair.certificatePem); };
-    runAllFaults(scenario);
+    Scenario made = scenario("installation, new subject", pair.certificatePem);
+    made.begin = [&] { return installing(pair); };
+    runAllFaults(made);
+    runSecondFaults(made, faults::moveAfterTheKey);
+    runFaultsOfRecovery(made, kPairsOfRecovery);
 }
 
 TEST_F(ServerFaults, InstallationWithTheSameSubject) {
     configure("selfSignedGeneration yes\n");
     const IssuedCertificate pair = issued("old.example");
-    Scenario scenario;
-    scenario.name = "installation, same subject";
-    scenario.prepare = oldPairInForce();
-    scenario.begin = [&pair] {
-        const auto server = std::make_shared<RunningServer>(kService);
-        return Operation([server, &pair] { install(**server, pair); });
+    Scenario made = scenario("installation, same subject", pair.certificatePem);
+    made.begin = [&] { return installing(pair); };
+    runAllFaults(made);
+    runSecondFaults(made, faults::moveAfterTheKey);
+    runFaultsOfRecovery(made, kPairsOfRecovery);
+}
+
+TEST_F(ServerFaults, InstallationWhoseOwnerIsCutOff) {
+    configure();
+    const IssuedCertificate pair = issued("new.example");
+    Scenario made = scenario("installation, owner cut off", pair.certificatePem);
+    made.begin = [&] {
+        const auto server = std::make_shared<RunningServer>(kService, std::make_shared<CutOffOwner>());
+        return Running{[server, &pair] { install(**server, pair); }, {}};
     };
-    scenario.restart = [this, &pair] { return startAndLook(pair.certificatePem); };
-    runAllFaults(scenario);
+    runAllFaults(made);
+}
+
+TEST_F(ServerFaults, StartThatTellsAndGenerates) {
+    configure("selfSignedGeneration yes\n");
+    testsupport::CertificateOptions options;
+    options.expired = true;
+    for (const char* const subject : {"unit.example", "expired.example"}) {
+        options.commonName = subject;
+        const IssuedCertificate expired = testsupport::makeCertificate(options);
+        Scenario made = scenario(std::string("start, event pending, expired ") + subject, "");
+        made.prepare = [&] {
+            oldPairInForce()();
+            RunningServer server(kService, std::make_shared<CutOffOwner>());
+            install(*server, expired);
+        };
+        made.begin = [this] { return starting(); };
+        made.restart = [&] {
+            const std::string found = startAndLook("");
+            return found + faults::untold(faults::eventOf("new", expired.certificatePem + "\n"));
+        };
+        made.unconfirmed = {"new"};
+        runAllFaults(made);
+    }
+}
+
+// A journal that could not be removed, or whose folders could not be synced, when a second change begins.
+TEST_F(ServerFaults, InstallationAfterOneThatStaysJournalled) {
+    configure();
+    const IssuedCertificate first = issued("first.example");
+    const IssuedCertificate second = issued("second.example");
+    Scenario made = scenario("installation with a journal standing", second.certificatePem);
+    made.begin = [&] {
+        const auto server = std::make_shared<RunningServer>(kService);
+        return running(server, [&](Server& running) {
+            install(running, first);
+            faults::mark();
+            install(running, second);
+        });
+    };
+    made.restart = [&] {
+        const std::string found = startAndLook(second.certificatePem);
+        return found.rfind("third", 0) != 0 || isInForce(first) ? found : "a mix\n" + found;
+    };
+    made.unconfirmed = {"third", "new"};
+    runSecondFaults(made, faults::endOfTheJournal);
 }
 
 TEST_F(ServerFaults, RequestCreation) {
     configure();
-    Scenario scenario;
-    scenario.name = "request creation";
-    scenario.prepare = oldPairInForce();
-    scenario.begin = [] {
+    Scenario made = scenario("request creation", "none");
+    made.begin = [this] {
         const auto server = std::make_shared<RunningServer>(kService);
         (*server)->createCsr();
-        return Operation([server] { (*server)->createCsr(); });
+        return running(server, [](Server& running) { running.createCsr(); });
     };
-    scenario.restart = [this] { return startAndLook("none"); };
     // A request does not outlive a start, finished or not; the certificate in force is never touched.
-    scenario.unconfirmed = scenario.confirmed = {"old"};
-    runAllFaults(scenario);
+    made.unconfirmed = made.confirmed = {"old"};
+    runAllFaults(made);
 }
 
 TEST_F(ServerFaults, Apply) {
     configure();
     const IssuedCertificate issuer = issued("issuer.example", true);
-    Scenario scenario;
-    scenario.name = "apply";
-    scenario.prepare = oldPairInForce();
-    scenario.begin = [&issuer] {
+    Scenario made = scenario("apply", "");
+    made.begin = [&] {
         const auto server = std::make_shared<RunningServer>(kService);
         (*server)->createCsr();
         const InternalCertificatesAccessor store(kService, "server");
         const std::string path = TestDevice::get().sandbox().write(
             "certified.pem", testsupport::certifyRequest(Sandbox::read(store.csrPath()), issuer));
-        return Operation([server, path] { (*server)->applyCrt(path); });
+        return running(server, [path](Server& running) { running.applyCrt(path); });
     };
-    scenario.restart = [this] { return startAndLook(""); };
-    runAllFaults(scenario);
+    runAllFaults(made);
 }
 
 TEST_F(ServerFaults, CaSignedGeneration) {
     configure("CASignedGeneration yes\nCAServiceId " + std::string(kAuthority) + "\nCASignedValidity 30\n");
     configure("", kAuthority);
     const IssuedCertificate authority = issued("root.example", true);
-    Scenario scenario;
-    scenario.name = "CA-signed";
-    scenario.prepare = [&] {
+    Scenario made = scenario("CA-signed", "");
+    made.prepare = [&] {
         makeFolders(kAuthority);
         install(*RunningServer(kAuthority), authority);
         oldPairInForce()();
     };
-    scenario.begin = [] {
+    made.begin = [this] {
         const auto server = std::make_shared<RunningServer>(kService);
-        return Operation([server] { (*server)->createAndApplyCASigned(); });
+        return running(server, [](Server& running) { running.createAndApplyCASigned(); });
     };
-    scenario.restart = [this] { return startAndLook(""); };
-    runAllFaults(scenario);
+    runAllFaults(made);
 }
 
 TEST_F(ServerFaults, Revocation) {
     configure();
-    Scenario scenario;
-    scenario.name = "revoke of the server certificate";
-    scenario.prepare = oldPairInForce();
-    scenario.begin = [] {
+    Scenario made = scenario("revoke of the server certificate", "none");
+    made.begin = [this] {
         const auto server = std::make_shared<RunningServer>(kService);
-        return Operation([server] { (*server)->revokeCrt(); });
+        Running revoking = running(server, [](Server& running) { running.revokeCrt(); });
+        revoking.examine = [this, server](unsigned) {
+            (*server)->revokeCrt();
+            const InternalCertificatesAccessor store(kService, "server");
+            const bool isThere = Sandbox::exists(store.certPath(store.getActive()));
+            return (isThere ? "the next revocation left the certificate\n" : "") + examine(*server);
+        };
+        return revoking;
     };
-    scenario.restart = [this] { return startAndLook("none"); };
-    scenario.unconfirmed = {"old", "none"};
-    scenario.confirmed = {"none"};
-    runAllFaults(scenario);
+    made.unconfirmed = {"old", "none"};
+    made.confirmed = {"none"};
+    runAllFaults(made);
+    runFaultsOfRecovery(made, kPairsOfRecovery);
 }
 
 TEST_F(ServerFaults, StartThatFinishesAnInstallation) {
     configure();
     const IssuedCertificate pair = issued("old.example");
-    Scenario scenario;
-    scenario.name = "start after an interrupted installation";
-    scenario.prepare = [&] {
-        const std::string cached = TestDevice::get().keywardDirectory() + "/web/server/.cacheddata/";
-        oldPairInForce()();
-        const InternalCertificatesAccessor store(kService, "server");
-        const std::string keyPath = store.certKeyPath(store.getActive());
-        const std::string key = Sandbox::read(keyPath);
-        // The key is in its place, the certificate is not, and the journal stands.
-        for (unsigned call = 1; Sandbox::read(keyPath) == key || !Sandbox::exists(cached + ".journal");
-             ++call) {
-            const pid_t child = ::fork();
-            if (child == 0) {
-                RunningServer server(kService);
-                faults::Plan plan;
-                plan.kind = faults::Plan::Kind::KillAfter;
-                plan.call = call;
-                faults::arm(TestDevice::get().keywardDirectory(), TestDevice::get().pipesDirectory(), plan);
-                install(*server, pair);
-                ::_exit(0);
-            }
-            int status = 0;
-            ::waitpid(child, &status, 0);
-            if (WEXITSTATUS(status) == 0)
-                throw std::runtime_error("the installation was never cut short between its moves");
-        }
-    };
-    scenario.begin = [] { return Operation([] { RunningServer{kService}; }); };
-    scenario.restart = [this, &pair] { return startAndLook(pair.certificatePem); };
-    scenario.unconfirmed = {"new"};
-    runAllFaults(scenario);
+    Scenario made = scenario("start after an interrupted installation", pair.certificatePem);
+    made.prepare = [&] { cutBetweenTheMoves(pair); };
+    made.begin = [this] { return starting(); };
+    made.unconfirmed = {"new"};
+    runAllFaults(made);
 }
 
 }  // namespace

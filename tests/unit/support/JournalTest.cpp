@@ -1,6 +1,7 @@
 #include "support/Journal.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include "support/FileWriteError.h"
 #include "support/TemporaryFile.h"
 #include "testsupport/CapturedLog.h"
+#include "testsupport/Child.h"
 #include "testsupport/Sandbox.h"
 
 namespace {
@@ -49,12 +51,12 @@ class Journalled : public testing::Test {
             if (!step.temporary.empty())
                 sandbox_.write("store/" + std::string(step.folder == 0 ? "" : "cached/") + step.temporary,
                                "new " + step.name, 0600);
-        leaveText(Journal::textOf(steps));
+        leaveText(Journal::textOf({steps, {}}));
     }
     void leaveText(const std::string& text, unsigned mode = 0600) const {
         sandbox_.write("store/cached/.journal", text, mode);
     }
-    void expectRefused(const std::string& reason) const {
+    void expectRefused(const std::string& reason) {
         journal_.recover();
         EXPECT_TRUE(CapturedLog::contains(
             SeverityError, "The journal '" + path("cached") + "/.journal' is refused and removed: " + reason))
@@ -72,14 +74,14 @@ const Journal::Steps kSteps = {{0, ".key.7.0.new", "key"},
                                {0, "", "old"}};
 
 TEST_F(Journalled, TextIsReadBack) {
-    const Journal::Steps steps = journal_.parse(Journal::textOf(kSteps));
+    const Journal::Steps steps = journal_.parse(Journal::textOf({kSteps, {}})).steps;
     ASSERT_EQ(steps.size(), kSteps.size());
     for (std::size_t i = 0; i < steps.size(); ++i) {
         EXPECT_EQ(steps[i].folder, kSteps[i].folder);
         EXPECT_EQ(steps[i].temporary, kSteps[i].temporary);
         EXPECT_EQ(steps[i].name, kSteps[i].name);
     }
-    EXPECT_EQ(Journal::textOf({{0, "", "a"}}), "keyward journal 1\nremove 0 a\nend 25727d5a\n");
+    EXPECT_EQ(Journal::textOf({{{0, "", "a"}}, {}}), "keyward journal 1\nremove 0 a\nend 25727d5a\n");
 }
 
 TEST_F(Journalled, InterruptedChangeIsBroughtToItsEnd) {
@@ -115,7 +117,7 @@ TEST_F(Journalled, WithoutAJournalTheTemporariesAreRemovedAndNothingIsSaid) {
 }
 
 TEST_F(Journalled, EveryByteThatIsDamagedOrMissingIsNoticed) {
-    const std::string whole = Journal::textOf(kSteps);
+    const std::string whole = Journal::textOf({kSteps, {}});
     for (std::size_t i = 0; i < whole.size(); ++i) {
         std::string damaged = whole;
         damaged[i] = static_cast<char>(damaged[i] ^ 1);
@@ -127,7 +129,7 @@ TEST_F(Journalled, EveryByteThatIsDamagedOrMissingIsNoticed) {
 TEST_F(Journalled, DamagedOneIsRefusedAndWhatIsInPlaceStays) {
     sandbox_.write("store/cert", "old cert");
     leave(kSteps);
-    leaveText(Journal::textOf(kSteps).substr(3));
+    leaveText(Journal::textOf({kSteps, {}}).substr(3));
     expectRefused("Its checksum is wrong");
     EXPECT_EQ(namesIn(""), Names{"cert"});
     EXPECT_EQ(Sandbox::read(path("cert")), "old cert");
@@ -145,7 +147,7 @@ TEST_F(Journalled, NamesOutsideOfTheStoreAreRefused) {
                                                 {0, "../.victim.7.0.new", "victim"},
                                                 {0, ".x/../../victim.7.0.new", "x/../../victim"}};
     for (const Journal::Step& step : foreign) {
-        leaveText(Journal::textOf({step}));
+        leaveText(Journal::textOf({{step}, {}}));
         expectRefused(reason);
     }
     EXPECT_EQ(Sandbox::read(sandbox_.path("victim")), "keep me");
@@ -153,16 +155,33 @@ TEST_F(Journalled, NamesOutsideOfTheStoreAreRefused) {
 
 TEST_F(Journalled, OneThatOthersCanReadOrThatIsALinkIsRefused) {
     sandbox_.write("store/old", "keep me");
-    leaveText(Journal::textOf({{0, "", "old"}}), 0644);
+    leaveText(Journal::textOf({{{0, "", "old"}}, {}}), 0644);
     expectRefused("It is not the daemon user's alone");
-    leaveText(Journal::textOf({{0, "", "old"}}));
+    leaveText(Journal::textOf({{{0, "", "old"}}, {}}));
     ASSERT_EQ(::chown(path("cached/.journal").c_str(), 65534, 65534), 0);
     expectRefused("It is not the daemon user's alone");
-    sandbox_.write("elsewhere", Journal::textOf({{0, "", "old"}}), 0600);
+    sandbox_.write("elsewhere", Journal::textOf({{{0, "", "old"}}, {}}), 0600);
     ASSERT_EQ(::symlink(sandbox_.path("elsewhere").c_str(), path("cached/.journal").c_str()), 0);
     expectRefused("Too many levels of symbolic links");
     EXPECT_TRUE(Sandbox::exists(path("old")));
     EXPECT_TRUE(Sandbox::exists(sandbox_.path("elsewhere")));
+}
+
+TEST_F(Journalled, OneThatCannotBeReadNowIsKept) {
+    leave(kSteps);
+    EXPECT_TRUE(journal_.isUnfinished());
+    const std::string log = testsupport::inChild([this] {
+        const rlimit none{0, 0};
+        ::setrlimit(RLIMIT_NOFILE, &none);
+        journal_.recover();
+        return CapturedLog::dump();
+    });
+    EXPECT_NE(log.find("could not be finished: Impossible to open '" + path("cached") + "/.journal': "),
+              std::string::npos)
+        << log;
+    EXPECT_TRUE(Sandbox::exists(path("cached/.journal")));
+    journal_.recover();
+    EXPECT_EQ(Sandbox::read(path("cert")), "new cert");
 }
 
 TEST_F(Journalled, ChangeThatCannotBeFinishedStaysJournalledWithItsFiles) {
@@ -206,7 +225,7 @@ TEST_F(Journalled, StandsForItsStepsWhileTheyAreDoneAndIsGoneAfterwards) {
     });
     EXPECT_FALSE(Sandbox::exists(path("a")));
     change.commit();
-    const Journal::Steps steps = journal_.parse(during);
+    const Journal::Steps steps = journal_.parse(during).steps;
     ASSERT_EQ(steps.size(), 3U);
     EXPECT_EQ(steps[0].name + steps[1].name + steps[2].name, "abold");
     EXPECT_EQ(namesIn(""), Names{"a"});
@@ -221,17 +240,140 @@ TEST_F(Journalled, ChangeOfOneFileNeedsNoJournal) {
     EXPECT_EQ(namesIn(""), Names{"a"});
 }
 
-TEST_F(Journalled, FailedMoveIsRepairedWhileTheJournalStands) {
+TEST_F(Journalled, PairWhoseSecondFileCannotBePutInPlaceKeepsItsFirst) {
+    sandbox_.write("store/a", "earlier a");
     FileTransaction change(journal_);
     change.stage(path("a"), "a", readable());
     change.stage(path("b"), "b", readable());
-    bool stood = false;
-    change.onFailure([&] { stood = journal_.stands(); });
+    change.together(path("a"), path("b"));
+    change.tell({"new", "a"});
     std::filesystem::create_directories(path("b"));
     EXPECT_THROW(change.commit(), FileWriteError);
-    EXPECT_TRUE(stood);
+    EXPECT_FALSE(journal_.stands());
+    EXPECT_TRUE(journal_.toBeTold().empty());
+    EXPECT_EQ(Sandbox::read(path("a")), "earlier a");
+}
+
+TEST_F(Journalled, PairWithoutAnEarlierFirstFileIsLeftWithoutOne) {
+    FileTransaction change(journal_);
+    change.stage(path("a"), "a", readable());
+    change.stage(path("b"), "b", readable());
+    change.together(path("a"), path("b"));
+    std::filesystem::create_directories(path("b"));
+    EXPECT_THROW(change.commit(), FileWriteError);
+    EXPECT_FALSE(Sandbox::exists(path("a")));
+}
+
+TEST_F(Journalled, StepsBeforeAFailureStayDoneWithoutAPair) {
+    FileTransaction change(journal_);
+    change.stage(path("a"), "a", readable());
+    change.stage(path("b"), "b", readable());
+    std::filesystem::create_directories(path("b"));
+    EXPECT_THROW(change.commit(), FileWriteError);
     EXPECT_FALSE(journal_.stands());
     EXPECT_EQ(Sandbox::read(path("a")), "a");
+}
+
+TEST_F(Journalled, EventStaysJournalledUntilItIsTold) {
+    FileTransaction change(journal_);
+    change.stage(path("a"), "a", readable());
+    change.tell({"new", "a.0"});
+    change.commit();
+    EXPECT_TRUE(journal_.stands());
+    EXPECT_FALSE(journal_.isUnfinished());
+    EXPECT_EQ(journal_.toBeTold(), (Journal::Events{{"new", "a.0"}}));
+    journal_.told();
+    EXPECT_FALSE(journal_.stands());
+    EXPECT_TRUE(journal_.toBeTold().empty());
+}
+
+TEST_F(Journalled, EventOfARunThatEndedIsFoundByTheNext) {
+    leaveText(Journal::textOf({{}, {{"revoke", "a.0", "b.0"}}}));
+    journal_.recover();
+    EXPECT_EQ(journal_.toBeTold(), (Journal::Events{{"revoke", "a.0", "b.0"}}));
+    EXPECT_TRUE(journal_.stands());
+    EXPECT_FALSE(journal_.isUnfinished());
+    EXPECT_TRUE(CapturedLog::lines().empty()) << CapturedLog::dump();
+}
+
+TEST_F(Journalled, EventThatWasNotToldGoesWithTheNextChange) {
+    leaveText(Journal::textOf({{}, {{"new", "a.0"}}}));
+    journal_.recover();
+    {
+        FileTransaction change(journal_);
+        change.stage(path("b"), "b", readable());
+        change.tell({"new", "b.0"});
+        change.commit();
+    }
+    Journal next({sandbox_.path("store/"), sandbox_.path("store/cached")});
+    next.recover();
+    EXPECT_EQ(next.toBeTold(), (Journal::Events{{"new", "a.0"}, {"new", "b.0"}}));
+}
+
+TEST_F(Journalled, FailedChangeKeepsTheEventsOfEarlierOnes) {
+    leaveText(Journal::textOf({{}, {{"new", "a.0"}}}));
+    journal_.recover();
+    FileTransaction change(journal_);
+    change.stage(path("a"), "a", readable());
+    change.stage(path("b"), "b", readable());
+    change.tell({"new", "b.0"});
+    std::filesystem::create_directories(path("b"));
+    EXPECT_THROW(change.commit(), FileWriteError);
+    Journal next({sandbox_.path("store/"), sandbox_.path("store/cached")});
+    next.recover();
+    EXPECT_EQ(next.toBeTold(), (Journal::Events{{"new", "a.0"}}));
+}
+
+TEST_F(Journalled, RemovalThatCannotBeDoneYetGoesWithTheNextChanges) {
+    std::filesystem::create_directories(path("old/in the way"));
+    leave({{0, "", "old"}});
+    journal_.recover();
+    EXPECT_TRUE(journal_.hasLeftOver());
+    {
+        FileTransaction change(journal_);
+        change.stage(path("a"), "a", readable());
+        change.commit();
+    }
+    std::filesystem::remove_all(path("old"));
+    sandbox_.write("store/old", "");
+    Journal next({sandbox_.path("store/"), sandbox_.path("store/cached")});
+    next.recover();
+    EXPECT_FALSE(Sandbox::exists(path("old")));
+    EXPECT_FALSE(next.hasLeftOver());
+    EXPECT_FALSE(next.stands());
+}
+
+TEST_F(Journalled, ChangeThatWritesTheFileAgainIsNotUndoneByAnEarlierRemoval) {
+    std::filesystem::create_directories(path("old/in the way"));
+    leave({{0, "", "old"}});
+    journal_.recover();
+    std::filesystem::remove_all(path("old"));
+    FileTransaction change(journal_);
+    change.stage(path("old"), "new", readable());
+    change.commit();
+    Journal next({sandbox_.path("store/"), sandbox_.path("store/cached")});
+    next.recover();
+    EXPECT_EQ(Sandbox::read(path("old")), "new");
+}
+
+TEST_F(Journalled, ChangeBringsAnUnfinishedOneToItsEndFirst) {
+    leave(kSteps);
+    FileTransaction change(journal_);
+    EXPECT_EQ(Sandbox::read(path("cert")), "new cert");
+    change.stage(path("cert"), "newer cert", readable());
+    change.commit();
+    EXPECT_EQ(Sandbox::read(path("cert")), "newer cert");
+    EXPECT_FALSE(journal_.stands());
+}
+
+TEST_F(Journalled, NothingIsChangedWhileAnUnfinishedOneCannotBe) {
+    leave(kSteps);
+    std::filesystem::create_directories(path("cert"));
+    FileTransaction change(journal_);
+    change.stage(path("a"), "a", readable());
+    EXPECT_THROW(change.commitAtAnyRate(), FileWriteError);
+    EXPECT_FALSE(Sandbox::exists(path("a")));
+    EXPECT_TRUE(Sandbox::exists(path(".cert.7.1.new")));
 }
 
 TEST_F(Journalled, WithoutRoomForAJournalNothingChangesUnlessItMust) {
@@ -266,10 +408,11 @@ TEST(TemporaryName, OnlyRegularFilesOfTheDaemonUserAreRemoved) {
     ASSERT_EQ(::chown(sandbox.path(".c.1.2.new").c_str(), 65534, 65534), 0);
     std::filesystem::create_directory(sandbox.path(".d.1.2.new"));
     std::filesystem::create_symlink("/etc/passwd", sandbox.path(".e.1.2.new"));
-    keywarden::removeTemporaries(sandbox.path(), "b");
+    const auto folder = keywarden::Folder::at(sandbox.path(), keywarden::Folder::Owner::Ours);
+    keywarden::removeTemporaries(*folder, "b");
     EXPECT_TRUE(Sandbox::exists(sandbox.path(".a.1.2.new")));
     EXPECT_FALSE(Sandbox::exists(sandbox.path(".b.1.2.new")));
-    keywarden::removeTemporaries(sandbox.path());
+    keywarden::removeTemporaries(*folder);
     EXPECT_FALSE(Sandbox::exists(sandbox.path(".a.1.2.new")));
     for (const char* name : {".c.1.2.new", ".d.1.2.new", ".e.1.2.new"})
         EXPECT_TRUE(Sandbox::exists(sandbox.path(name))) << name;
