@@ -40,6 +40,7 @@ std::string lineOf(const CDistinguishedName& name) {
 // Extracted from a stream: on a 32-bit device a long would not hold the number.
 std::uint64_t dateOr(const std::string& text, std::uint64_t fallback) {
     std::istringstream stream(text);
+    stream.exceptions(std::ios::badbit);  // no memory is not a missing date
     std::uint64_t seconds = 0;
     return stream >> seconds ? seconds : fallback;
 }

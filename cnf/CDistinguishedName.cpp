@@ -1,5 +1,6 @@
 #include "cnf/CDistinguishedName.h"
 
+#include <algorithm>
 #include <array>
 #include <string_view>
 #include <utility>
@@ -17,8 +18,8 @@ const std::string CDistinguishedName::DEFAULT_EMAIL_ADDR = "contact@zelkor.examp
 namespace {
 
 // Attributes that OpenSSL's one-line form glues to the item before them: it only starts a new item at keys of
-// one or two capital letters.
-constexpr std::array<std::string_view, 14> kGluedKeys = {
+// one or two capital letters. Numbers in dots, which stand for attributes without a name, are glued too.
+constexpr std::array<std::string_view, 24> kGluedKeys = {
     "emailAddress",
     "serialNumber",
     "street",
@@ -33,6 +34,16 @@ constexpr std::array<std::string_view, 14> kGluedKeys = {
     "role",
     "x500UniqueIdentifier",
     "unstructuredName",
+    "unstructuredAddress",
+    "organizationIdentifier",
+    "businessCategory",
+    "jurisdictionL",
+    "jurisdictionST",
+    "jurisdictionC",
+    "description",
+    "telephoneNumber",
+    "houseIdentifier",
+    "dmdName",
 };
 
 constexpr std::string_view kSeparator = ", ";
@@ -41,13 +52,13 @@ bool isCapital(char letter) {
     return letter >= 'A' && letter <= 'Z';
 }
 
+bool isDotted(std::string_view key) {
+    return key.find('.') != std::string_view::npos &&
+           key.find_first_not_of("0123456789.") == std::string_view::npos;
+}
+
 bool isGluedKey(std::string_view key) {
-    for (const std::string_view known : kGluedKeys) {
-        if (key == known) {
-            return true;
-        }
-    }
-    return false;
+    return isDotted(key) || std::find(kGluedKeys.begin(), kGluedKeys.end(), key) != kGluedKeys.end();
 }
 
 bool isItemKey(std::string_view key) {
@@ -57,7 +68,7 @@ bool isItemKey(std::string_view key) {
 }
 
 // The longest key is shorter; a bound keeps a hostile name from costing its length squared.
-constexpr std::size_t kKeyBound = 24;
+constexpr std::size_t kKeyBound = 80;
 
 std::string_view keyAt(std::string_view text, std::size_t position) {
     const std::string_view start = text.substr(position, kKeyBound);
@@ -65,23 +76,51 @@ std::string_view keyAt(std::string_view text, std::size_t position) {
     return equals == std::string_view::npos ? std::string_view() : start.substr(0, equals);
 }
 
-// Where the separator that ends the value at `position` stands. A comma or slash that no key follows belongs
-// to the value.
+// A comma or slash that no key follows belongs to the value.
+bool isSeparator(std::string_view text, std::size_t at) {
+    if (text[at] == '/')
+        return isGluedKey(keyAt(text, at + 1));
+    return text.compare(at, kSeparator.size(), kSeparator) == 0 &&
+           isItemKey(keyAt(text, at + kSeparator.size()));
+}
+
+// Where the separator that ends the value at `position` stands. One behind a backslash belongs to the value.
 std::size_t endOfValue(std::string_view text, std::size_t position) {
     for (std::size_t at = position; at < text.size(); ++at) {
-        if (text.compare(at, kSeparator.size(), kSeparator) == 0 &&
-            isItemKey(keyAt(text, at + kSeparator.size()))) {
-            return at;
-        }
-        if (text[at] == '/' && isGluedKey(keyAt(text, at + 1))) {
+        const bool isEscaped = at > position && text[at - 1] == '\\';
+        if (!isEscaped && isSeparator(text, at)) {
             return at;
         }
     }
     return text.size();
 }
 
+// A backslash at the end would escape the separator that follows: it is written as OpenSSL writes other
+// characters.
+std::string escaped(std::string_view value) {
+    std::string text;
+    for (std::size_t at = 0; at < value.size(); ++at) {
+        if (isSeparator(value, at)) {
+            text += '\\';
+        }
+        text += value[at];
+    }
+    return !text.empty() && text.back() == '\\' ? text + "x5C" : text;
+}
+
+std::string unescaped(std::string_view text) {
+    std::string value;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const bool escapes = text[at] == '\\' && at + 1 < text.size() && isSeparator(text, at + 1);
+        if (!escapes) {
+            value += text[at];
+        }
+    }
+    return value;
+}
+
 void append(std::string& text, const char* key, const std::string& value) {
-    text += (text.empty() ? "" : ", ") + std::string(key) + value;
+    text += (text.empty() ? "" : ", ") + std::string(key) + escaped(value);
 }
 
 void appendUnlessEmpty(std::string& text, const char* key, const std::string& value) {
@@ -90,28 +129,9 @@ void appendUnlessEmpty(std::string& text, const char* key, const std::string& va
     }
 }
 
-// A second value of a single field does not replace the first.
 void keepFirst(std::string& field, std::string_view value) {
     if (field.empty()) {
         field = value;
-    }
-}
-
-void assign(CDistinguishedName& name, std::string_view key, std::string_view value) {
-    if (key == "C") {
-        keepFirst(name.country, value);
-    } else if (key == "ST") {
-        keepFirst(name.state, value);
-    } else if (key == "L") {
-        keepFirst(name.city, value);
-    } else if (key == "O") {
-        keepFirst(name.company, value);
-    } else if (key == "OU") {
-        name.divisions.emplace_back(value);
-    } else if (key == "CN") {
-        keepFirst(name.common_name, value);
-    } else if (key == "email" || key == "emailAddress") {
-        keepFirst(name.email_address, value);
     }
 }
 
@@ -137,6 +157,25 @@ void CDistinguishedName::clear() {
     *this = CDistinguishedName();
 }
 
+void CDistinguishedName::add(std::string_view key, std::string_view text) {
+    const std::string value = unescaped(text);
+    if (key == "C") {
+        keepFirst(country, value);
+    } else if (key == "ST") {
+        keepFirst(state, value);
+    } else if (key == "L") {
+        keepFirst(city, value);
+    } else if (key == "O") {
+        keepFirst(company, value);
+    } else if (key == "OU") {
+        divisions.push_back(value);
+    } else if (key == "CN") {
+        keepFirst(common_name, value);
+    } else if (key == "email" || key == "emailAddress") {
+        keepFirst(email_address, value);
+    }
+}
+
 void CDistinguishedName::to(std::string& text) const {
     text.clear();
     appendUnlessEmpty(text, "C=", country);
@@ -158,7 +197,7 @@ CDistinguishedName CDistinguishedName::from(const std::string& text) {
         const std::string_view item = std::string_view(text).substr(position, end - position);
         const std::size_t equals = item.find('=');
         if (equals != std::string_view::npos) {
-            assign(name, item.substr(0, equals), item.substr(equals + 1));
+            name.add(item.substr(0, equals), item.substr(equals + 1));
         }
         position = end + (end < text.size() && text[end] == '/' ? 1 : kSeparator.size());
     }

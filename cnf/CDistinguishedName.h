@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kwdata {
@@ -30,11 +31,18 @@ struct CDistinguishedName {
     void setToDefault();
     void clear();
 
+    /// Takes one attribute, its value as a one-line form writes it. A second value of a field other than the
+    /// divisions does not replace the first; an unknown key is left out.
+    void add(std::string_view key, std::string_view value);
+
     /// Writes "C=.., ST=.., L=.., O=.., OU=.., CN=.., email=.." into `text`; empty fields are left out, every
-    /// division is written.
+    /// division is written. A value that holds what would read as a further item ("a, CN=b") has a backslash
+    /// before it ("a\, CN=b").
     void to(std::string& text) const;
     /// Reads the form of to() and OpenSSL's one-line form ("emailAddress=", "CN=h/emailAddress=a@b"); a comma
-    /// inside a value is kept. What it does not know is left out; never throws.
+    /// inside a value is kept, and whatever follows a backslash. What it does not know is left out; never
+    /// throws. OpenSSL does not escape a comma: a name that is at hand as such is better read by
+    /// describedName() of x509/SubjectName.h.
     static CDistinguishedName from(const std::string& text);
 };
 

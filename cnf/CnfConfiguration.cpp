@@ -39,7 +39,9 @@ kwdata::CCertificateData CnfConfiguration::getCCertificateData() const {
         kwdata::CDistinguishedName(country_, state_, city_, company_, {division_}, getCN(), emailAddress_);
     if (!bits_.empty()) {
         // A text that does not start with a number gives 0, which key generation refuses.
-        std::istringstream(bits_) >> data.public_key_size_bits;
+        std::istringstream stream(bits_);
+        stream.exceptions(std::ios::badbit);  // no memory is not a missing number
+        stream >> data.public_key_size_bits;
     }
     data.v3Extention = {
         {"subjectKeyIdentifier", subjectKeyIdentifier_, subjectKeyIdentifier_, ""},

@@ -1,6 +1,6 @@
 #include "cnf/CnfFileConfiguration.h"
 
-#include <fstream>
+#include <sstream>
 #include <stdexcept>
 
 #include "support/Debug.h"
@@ -8,6 +8,7 @@
 #include "support/Failure.h"
 #include "support/KeywardenDaemonException.h"
 #include "support/Log.h"
+#include "support/RegularFile.h"
 #include "support/Tools.h"
 
 namespace keywarden {
@@ -32,16 +33,13 @@ std::string commonNameFromScript(const std::string& script) {
 }
 
 std::map<std::string, std::string> readSettings(const std::string& path) {
-    const std::string failure = "Failed to read configuration file-" + path;
-    std::ifstream file(path);
-    if (!file) {
-        throw std::runtime_error(failure);
+    try {
+        std::istringstream file(readRegularFile(path, kLargestConfigurationFile));
+        return Tools::getConfigMap(file);
+    } catch (const std::runtime_error& error) {
+        debugTrace(error.what());
+        throw std::runtime_error("Failed to read configuration file-" + path);
     }
-    std::map<std::string, std::string> settings = Tools::getConfigMap(file);
-    if (file.bad()) {  // a folder opens, but cannot be read
-        throw std::runtime_error(failure);
-    }
-    return settings;
 }
 
 }  // namespace

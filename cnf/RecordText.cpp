@@ -32,6 +32,7 @@ std::vector<std::pair<std::string, std::string>> splitRecord(const std::string& 
                                                              const std::vector<std::string>& keys) {
     std::vector<std::pair<std::string, std::string>> entries;
     std::istringstream lines(text);
+    lines.exceptions(std::ios::badbit);  // no memory for a line is not the end of the record
     std::string line;
     while (std::getline(lines, line)) {
         const std::size_t blank = line.find(' ');
@@ -47,6 +48,7 @@ std::vector<std::pair<std::string, std::string>> splitRecord(const std::string& 
 
 int numberOr(const std::string& text, int fallback) {
     std::istringstream stream(text);
+    stream.exceptions(std::ios::badbit);  // no memory is not a missing number
     int number = 0;
     return stream >> number ? number : fallback;
 }

@@ -11,6 +11,7 @@
 #include "support/Clock.h"
 #include "support/Log.h"
 #include "support/Tools.h"
+#include "x509/MemoryWatch.h"
 
 namespace keywarden {
 
@@ -69,8 +70,10 @@ bool setAbsolute(ASN1_TIME* time, std::int64_t seconds) {
     const std::int64_t past = seconds % kSecondsADay;  // negative before the epoch
     const std::int64_t day = seconds / kSecondsADay - (past < 0 ? 1 : 0);
     const std::int64_t rest = past < 0 ? past + kSecondsADay : past;
+    const MemoryWatch watch;
     if (day < kDayOf1900 || day > kDayOf9999 ||
         ASN1_TIME_adj(time, 0, static_cast<int>(day), static_cast<long>(rest)) == nullptr) {
+        watch.throwIfRefused();
         ERR_clear_error();
         return false;
     }
@@ -122,6 +125,7 @@ bool setCertificateTime(ASN1_TIME* time, unsigned long long secondsSinceEpoch) {
 
 bool set_cert_time(const unsigned long long& validFrom, const unsigned long long& validTo,
                    const unsigned long long& validSeconds, X509_T& cert, const X509_T& caCert) {
+    const MemoryWatch watch;
     X509* certificate = cert.get();
     const X509* ca = caCert.get();
     if (!setCertificateTime(X509_getm_notBefore(certificate), validFrom) ||
@@ -136,6 +140,7 @@ bool set_cert_time(const unsigned long long& validFrom, const unsigned long long
     if (epochSeconds(X509_get0_notAfter(ca)) < askedEnd) {
         X509_set1_notAfter(certificate, X509_get0_notAfter(ca));
     }
+    watch.throwIfRefused();  // the end may be the one that was asked for, and not the CA's
     if (epochSeconds(X509_get0_notAfter(certificate)) < epochSeconds(X509_get0_notBefore(certificate))) {
         Log::write(SeverityError,
                    "Certificate creation aborted because end date is set prior to the start date");

@@ -10,7 +10,9 @@
 #include "x509/CryptoFailure.h"
 #include "x509/EVP_PKEY_T.h"
 #include "x509/ExtensionText.h"
+#include "x509/MemoryWatch.h"
 #include "x509/OpenSslPtr.h"
+#include "x509/SubjectName.h"
 #include "x509/Validation.h"
 
 namespace keywarden {
@@ -38,10 +40,6 @@ std::string _asn1int(const ASN1_INTEGER* number) {
         text += digits[bytes[index] & 0x0FU];
     }
     return text;
-}
-
-kwdata::CDistinguishedName requestSubject(const X509_REQ_T& csr) {
-    return kwdata::CDistinguishedName::from(_subject_as_line(X509_REQ_get_subject_name(csr.get())));
 }
 
 // The names are first in the list of extensions, joined; the extension they come from follows among the
@@ -112,8 +110,8 @@ bool createCCertData(const X509_T& cert, kwdata::CCertificateData& data) {
     if (cert.get() == nullptr) {
         return failed("Invalid x509 object pointer");
     }
-    data.issuer = kwdata::CDistinguishedName::from(issuer_one_line(cert));
-    data.subject = kwdata::CDistinguishedName::from(subject_one_line(cert));
+    data.issuer = describedName(X509_get_issuer_name(cert.get()));
+    data.subject = describedName(X509_get_subject_name(cert.get()));
     data.validNotBeforeDate = asn1datetime_isodatetime(X509_get0_notBefore(cert.get()));
     data.validNotAfterDate = asn1datetime_isodatetime(X509_get0_notAfter(cert.get()));
     // A certificate without extensions has no list at all.
@@ -142,8 +140,10 @@ bool createCCSRData(const X509_REQ_T& csr, kwdata::CCSRData& data) {
     if (csr.get() == nullptr) {
         return failed("Invalid x509 object pointer");
     }
-    data.subject = requestSubject(csr);
+    data.subject = describedName(X509_REQ_get_subject_name(csr.get()));
+    const MemoryWatch watch;
     const OwnedExtensions extensions(X509_REQ_get_extensions(csr.get()));
+    watch.throwIfRefused();
     if (!extensions) {
         return failed("failed to read v3Extensions from csr object.");
     }

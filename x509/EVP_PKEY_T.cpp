@@ -5,11 +5,13 @@
 #include <openssl/x509.h>
 
 #include <array>
+#include <climits>
 #include <cstdio>
 
 #include "x509/CryptoFailure.h"
 #include "x509/KeyGeneration.h"
 #include "x509/KeyTypes.h"
+#include "x509/MemoryWatch.h"
 #include "x509/OpenSslPtr.h"
 #include "x509/PemText.h"
 #include "x509/X509_REQ_T.h"
@@ -53,6 +55,7 @@ void EVP_PKEY_T::Free::operator()(EVP_PKEY* key) const {
 }
 
 EVP_PKEY_T::EVP_PKEY_T(const std::string& path) {
+    const MemoryWatch watch;
     ReadAhead readAhead;  // outlives the file
     const BioPtr bio(BIO_new(BIO_s_file()));
     if (bio && BIO_read_filename(bio.get(), path.c_str()) == 1) {
@@ -60,18 +63,40 @@ EVP_PKEY_T::EVP_PKEY_T(const std::string& path) {
         key_.reset(PEM_read_bio_PrivateKey(bio.get(), nullptr, refusePassword, nullptr));
     }
     if (!key_) {
+        watch.throwIfRefused();
         throwCryptoFailure("Extract of private key from file failed.");
     }
 }
 
-EVP_PKEY_T::EVP_PKEY_T(const X509_T& certificate) : key_(X509_get_pubkey(certificate.get())) {
+EVP_PKEY_T EVP_PKEY_T::fromPem(const std::string& pem) {
+    const MemoryWatch watch;
+    EVP_PKEY_T key;
+    const BioPtr bio(pem.size() <= INT_MAX ? BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()))
+                                           : nullptr);
+    if (bio) {
+        key.key_.reset(PEM_read_bio_PrivateKey(bio.get(), nullptr, refusePassword, nullptr));
+    }
+    if (!key.key_) {
+        watch.throwIfRefused();
+        throwCryptoFailure("Extract of private key from file failed.");
+    }
+    return key;
+}
+
+EVP_PKEY_T::EVP_PKEY_T(const X509_T& certificate) {
+    const MemoryWatch watch;
+    key_.reset(X509_get_pubkey(certificate.get()));
+    watch.throwIfRefused();
     if (!key_) {
         throwCryptoFailure("Extraction of public key failed");
     }
 }
 
 // The request's text ends in a full stop, the certificate's does not.
-EVP_PKEY_T::EVP_PKEY_T(const X509_REQ_T& request) : key_(X509_REQ_get_pubkey(request.get())) {
+EVP_PKEY_T::EVP_PKEY_T(const X509_REQ_T& request) {
+    const MemoryWatch watch;
+    key_.reset(X509_REQ_get_pubkey(request.get()));
+    watch.throwIfRefused();
     if (!key_) {
         throwCryptoFailure("Extraction of public key failed.");
     }

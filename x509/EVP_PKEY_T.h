@@ -12,12 +12,15 @@ namespace keywarden {
 class X509_T;
 class X509_REQ_T;
 
-/// Owns one key or key pair. Moved, never copied. Every constructor throws std::runtime_error.
+/// Owns one key or key pair. Moved, never copied. Every constructor throws std::runtime_error, and
+/// std::bad_alloc when there was no memory to read it.
 class EVP_PKEY_T {
   public:
     EVP_PKEY_T() = default;  ///< no key
     /// The private key of a PEM file; an encrypted one fails, without a prompt.
     explicit EVP_PKEY_T(const std::string& path);
+    /// The same of a text.
+    [[nodiscard]] static EVP_PKEY_T fromPem(const std::string& pem);
     explicit EVP_PKEY_T(const X509_T& certificate);  ///< its public key
     explicit EVP_PKEY_T(const X509_REQ_T& request);  ///< its public key
     /// Generates a new pair of the settings' public_key_type (and, for RSA, public_key_size_bits).

@@ -11,6 +11,7 @@
 
 #include "support/Debug.h"
 #include "support/Log.h"
+#include "x509/MemoryWatch.h"
 #include "x509/OpenSslPtr.h"
 #include "x509/Validation.h"
 
@@ -123,12 +124,15 @@ std::string hexadecimal(const ASN1_OCTET_STRING* bytes) {
 // What OpenSSL prints; nothing, after an ERR line, at a failure. An extension that OpenSSL does not know is
 // no failure: its bytes are the value.
 std::optional<std::string> valueOf(X509_EXTENSION* extension) {
+    const MemoryWatch watch;
     const BioPtr bio(BIO_new(BIO_s_mem()));
     if (!bio) {
         failed("Error creating bio object");
         return std::nullopt;
     }
-    if (X509V3_EXT_print(bio.get(), extension, X509V3_EXT_DEFAULT, 0) != 1) {
+    const bool isPrinted = X509V3_EXT_print(bio.get(), extension, X509V3_EXT_DEFAULT, 0) == 1;
+    watch.throwIfRefused();
+    if (!isPrinted) {
         ERR_clear_error();
         const ASN1_OCTET_STRING* bytes = X509_EXTENSION_get_data(extension);
         if (bytes == nullptr) {
@@ -169,8 +173,10 @@ std::string subject_alt_names(const STACK_OF(X509_EXTENSION) * extensions) {
         failed("invalid v3extension list pointer");
         return std::string();
     }
+    const MemoryWatch watch;
     const GeneralNamesPtr names(
         static_cast<GENERAL_NAMES*>(X509V3_get_d2i(extensions, NID_subject_alt_name, nullptr, nullptr)));
+    watch.throwIfRefused();
     if (!names || sk_GENERAL_NAME_num(names.get()) == 0) {
         debugTrace("No subject alternate names found");
         ERR_clear_error();

@@ -9,6 +9,7 @@
 #include "support/Debug.h"
 #include "support/Log.h"
 #include "x509/KeyTypes.h"
+#include "x509/MemoryWatch.h"
 #include "x509/OpenSslPtr.h"
 
 namespace keywarden {
@@ -16,12 +17,14 @@ namespace keywarden {
 namespace {
 
 // The issuer, subject and request that a value such as "hash" refers to. There is no configuration file: a
-// value that names a section of one is rejected.
+// value that names a section of one is rejected. No memory for one is no rejection: std::bad_alloc.
 X509ExtensionPtr buildExtension(X509* certificate, X509_REQ* request, int nid, const char* value) {
+    const MemoryWatch watch;
     X509V3_CTX context = {};
     X509V3_set_ctx_nodb(&context);
     X509V3_set_ctx(&context, certificate, certificate, request, nullptr, 0);
     X509ExtensionPtr extension(X509V3_EXT_conf_nid(nullptr, &context, nid, value));
+    watch.throwIfRefused();
     if (!extension) {
         ERR_clear_error();
     }
@@ -32,6 +35,7 @@ X509ExtensionPtr buildExtension(X509* certificate, X509_REQ* request, int nid, c
 std::string badNamesOf(const std::string& value) {
     std::string bad;
     std::istringstream names(value);
+    names.exceptions(std::ios::badbit);  // no memory for a name is not the end of them
     std::string name;
     while (std::getline(names, name, ',')) {
         if (!buildExtension(nullptr, nullptr, NID_subject_alt_name, name.c_str())) {
@@ -65,8 +69,10 @@ bool add_ext(STACK_OF(X509_EXTENSION) * stack, int nid, const char* value, X509_
                    "Received empty stack of extensions object or empty certificate request object");
         return false;
     }
+    const MemoryWatch watch;
     X509ExtensionPtr extension = buildExtension(nullptr, req, nid, value);
     if (!extension || sk_X509_EXTENSION_push(stack, extension.get()) <= 0) {
+        watch.throwIfRefused();
         return false;
     }
     static_cast<void>(extension.release());  // the stack owns it now
@@ -74,16 +80,20 @@ bool add_ext(STACK_OF(X509_EXTENSION) * stack, int nid, const char* value, X509_
 }
 
 bool add_cert_ext(X509_T& cert, int nid, const char* value) {
+    const MemoryWatch watch;
     const X509ExtensionPtr extension = buildExtension(cert.get(), nullptr, nid, value);
     if (!extension) {
         return false;
     }
     X509_add_ext(cert.get(), extension.get(), -1);
+    watch.throwIfRefused();
     return true;
 }
 
 bool pki_ossl_copy_extensions(const X509_REQ_T& csr, X509_T& cert) {
+    const MemoryWatch watch;
     const OwnedExtensions extensions(X509_REQ_get_extensions(csr.get()));
+    watch.throwIfRefused();
     // A request without any gives an empty list as well as none.
     if (!extensions || sk_X509_EXTENSION_num(extensions.get()) == 0) {
         debugTrace("No extensions found on CSR\n");

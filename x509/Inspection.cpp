@@ -11,9 +11,12 @@
 #include <charconv>
 #include <memory>
 
+#include "support/Failure.h"
 #include "support/Log.h"
 #include "x509/CryptoFailure.h"
+#include "x509/MemoryWatch.h"
 #include "x509/OpenSslPtr.h"
+#include "x509/Rehearsal.h"
 #include "x509/Validation.h"
 
 namespace keywarden {
@@ -26,9 +29,11 @@ struct FreeBytes {
 using Bytes = std::unique_ptr<unsigned char, FreeBytes>;
 
 std::string derOf(const X509_T& certificate) {
+    const MemoryWatch watch;
     unsigned char* encoded = nullptr;
     const int size = certificate.get() == nullptr ? -1 : i2d_X509(certificate.get(), &encoded);
     const Bytes owned(encoded);
+    watch.throwIfRefused();
     if (size < 0) {
         ERR_clear_error();
         return std::string();
@@ -72,14 +77,17 @@ void addName(const GENERAL_NAME* name, AlternativeNames& names) {
 std::string subjectNameHash(const X509_T& certificate) {
     constexpr std::size_t digits = 8;
     std::array<char, digits> text{};
+    const MemoryWatch watch;
     // 32 bits of the hash are in use, whatever the size of a long.
     const auto hash = static_cast<std::uint32_t>(X509_subject_name_hash(certificate.get()));
+    watch.throwIfRefused();
     const std::to_chars_result result = std::to_chars(text.begin(), text.end(), hash, 16);
     const auto length = static_cast<std::size_t>(result.ptr - text.begin());
     return std::string(digits - length, '0').append(text.data(), length);
 }
 
 std::string x509GetData(const X509_NAME* name, int nid) {
+    const MemoryWatch watch;
     const int index = X509_NAME_get_index_by_NID(name, nid, -1);
     if (index < 0) {
         return std::string();
@@ -88,6 +96,7 @@ std::string x509GetData(const X509_NAME* name, int nid) {
     unsigned char* text = nullptr;
     const int size = ASN1_STRING_to_UTF8(&text, value);
     const Bytes owned(text);
+    watch.throwIfRefused();
     if (size < 0) {
         ERR_clear_error();
         return std::string();
@@ -104,13 +113,17 @@ std::string issuerCommonName(const X509_T& certificate) {
 }
 
 bool isCertificateAuthority(const X509_T& certificate) {
+    const MemoryWatch watch;
     const bool authority = X509_check_ca(certificate.get()) != 0;
+    watch.throwIfRefused();
     ERR_clear_error();
     return authority;
 }
 
 bool isSelfSignedCertificate(const X509_T& certificate) {
+    const MemoryWatch watch;
     const bool selfSigned = X509_self_signed(certificate.get(), 1) == 1;
+    watch.throwIfRefused();
     ERR_clear_error();
     return selfSigned;
 }
@@ -124,9 +137,11 @@ std::uint64_t notAfterOf(const X509_T& certificate) {
 }
 
 AlternativeNames alternativeNamesOf(const X509_T& certificate) {
+    const MemoryWatch watch;
     AlternativeNames names;
     const GeneralNamesPtr list(static_cast<GENERAL_NAMES*>(
         X509_get_ext_d2i(certificate.get(), NID_subject_alt_name, nullptr, nullptr)));
+    watch.throwIfRefused();
     for (int index = 0; list && index < sk_GENERAL_NAME_num(list.get()); ++index) {
         addName(sk_GENERAL_NAME_value(list.get(), index), names);
     }
@@ -135,10 +150,12 @@ AlternativeNames alternativeNamesOf(const X509_T& certificate) {
 }
 
 std::string printedText(const X509_T& certificate) {
+    const MemoryWatch watch;
     const BioPtr bio(BIO_new(BIO_s_mem()));
     if (!bio || certificate.get() == nullptr || X509_print(bio.get(), certificate.get()) != 1) {
         throwCryptoFailure("Failed to print the certificate.");
     }
+    watch.throwIfRefused();
     ERR_clear_error();  // left by extensions and keys that are shown as bytes
     char* data = nullptr;
     const long size = BIO_get_mem_data(bio.get(), &data);
@@ -151,14 +168,27 @@ bool sameEncoding(const X509_T& one, const X509_T& other) {
 }
 
 bool keyMatchesCertificate(const EVP_PKEY_T& key, const X509_T& certificate) {
+    const MemoryWatch watch;
     const bool matches = certificate.get() != nullptr && key.get() != nullptr &&
                          X509_check_private_key(certificate.get(), key.get()) == 1;
+    watch.throwIfRefused();
     ERR_clear_error();
     return matches;
 }
 
-void initialiseCrypto() {
-    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT | OPENSSL_INIT_LOAD_CONFIG, nullptr);
+bool initialiseCrypto() {
+    MemoryWatch::countRequests();
+    try {
+        if (OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT | OPENSSL_INIT_LOAD_CONFIG, nullptr) != 1) {
+            throwCryptoFailure("it cannot be initialised.");
+        }
+        rehearseCrypto();
+        return true;
+    } catch (...) {
+        const std::string text = "The cryptographic library is not ready for use";
+        Log::write(SeverityError, Failure::current().message(text + ": ", text));
+    }
+    return false;
 }
 
 }  // namespace keywarden

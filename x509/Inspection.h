@@ -11,6 +11,8 @@
 
 namespace keywarden {
 
+// Each of these throws std::bad_alloc when there was no memory to find out.
+
 /// The certificate's subject-name hash (X509_subject_name_hash), 8 lower-case hexadecimal digits.
 [[nodiscard]] std::string subjectNameHash(const X509_T& certificate);
 
@@ -43,7 +45,9 @@ struct AlternativeNames {
 /// Whether the private key belongs to the certificate.
 [[nodiscard]] bool keyMatchesCertificate(const EVP_PKEY_T& key, const X509_T& certificate);
 
-/// Prepares libcrypto so that exit() while other threads use it is safe. Once, before any other call.
-void initialiseCrypto();
+/// Prepares libcrypto so that exit() while other threads use it is safe and want of memory is noticed and
+/// does not last (MemoryWatch.h, Rehearsal.h). Once, before any other call of libcrypto. False, after an ERR
+/// line, when it could not be used; that may last as long as the process.
+bool initialiseCrypto();
 
 }  // namespace keywarden

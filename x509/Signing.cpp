@@ -7,6 +7,7 @@
 #include "support/Debug.h"
 #include "x509/CryptoFailure.h"
 #include "x509/KeyTypes.h"
+#include "x509/MemoryWatch.h"
 #include "x509/OpenSslPtr.h"
 #include "x509/SubjectName.h"
 
@@ -84,11 +85,13 @@ bool certificate_set_serial(X509_T& cert) {
     const Asn1IntegerPtr serial(ASN1_INTEGER_new());
     if (!serial) {
         debugTrace("Unable to allocate memory for an ASN1 object");
+        ERR_clear_error();
         return false;
     }
     const BignumPtr number(BN_new());
     if (!number) {
         debugTrace("Unable to allocate memory for an BIGNUM object");
+        ERR_clear_error();
         return false;
     }
     if (BN_rand(number.get(), kSerialBits, BN_RAND_TOP_ONE, BN_RAND_BOTTOM_ANY) != 1 ||
@@ -105,13 +108,17 @@ X509_T createX509SelfSignedCertificate(const kwdata::CCertificateData& data, con
     X509_T certificate(X509_new());
     requireStep(certificate.get() != nullptr, "Failed to create new x509 certificate.");
     debugTrace("Setting various properties of x509 certificate.");
+    const MemoryWatch versionWatch;
     X509_set_version(certificate.get(), data.cert_version - 1L);
+    versionWatch.throwIfRefused();
     certificate_set_serial(certificate);
+    const MemoryWatch watch;  // not of the serial, without which the certificate is made
     setPeriod(certificate.get(), data);
     // Before the extensions: the key identifier is made of it.
     const bool hasKey = X509_set_pubkey(certificate.get(), key.get()) == 1;
     addSubjectEntries(X509_get_subject_name(certificate.get()), data.subject);
     setOwnIssuer(certificate.get(), data);
+    watch.throwIfRefused();
     debugTrace("Setting v3 extensions for x509 certificate.");
     for (const kwdata::v3Ext& extension : data.v3Extention) {
         addExtension(certificate, extension);

@@ -10,7 +10,8 @@
 namespace keywarden {
 
 /// A certificate of the settings' subject, dates and extensions for the key, signed with the key (SHA-256).
-/// Without an issuer name when the settings name an issuer other than the subject. Throws std::runtime_error.
+/// Without an issuer name when the settings name an issuer other than the subject. Throws std::runtime_error,
+/// and std::bad_alloc rather than leave out what there was no memory for, the serial excepted.
 [[nodiscard]] X509_T createX509SelfSignedCertificate(const kwdata::CCertificateData& data,
                                                      const EVP_PKEY_T& key);
 

@@ -10,6 +10,7 @@
 
 #include "support/Failure.h"
 #include "support/Log.h"
+#include "x509/MemoryWatch.h"
 #include "x509/OpenSslPtr.h"
 
 namespace keywarden {
@@ -36,6 +37,7 @@ bool validateCsrAndCrt(const X509_REQ_T& csr, const X509_T& crt) {
     if (crt.get() == nullptr) {
         return refuse("Invalid input crt object during validating csr and crt file.");
     }
+    const MemoryWatch watch;
     const EvpPkeyPtr certificateKey(X509_get_pubkey(crt.get()));
     if (!certificateKey) {
         return refuse("Failed to retrieve the public key from certificate");
@@ -47,7 +49,9 @@ bool validateCsrAndCrt(const X509_REQ_T& csr, const X509_T& crt) {
     if (EVP_PKEY_get_base_id(certificateKey.get()) != EVP_PKEY_get_base_id(requestKey.get())) {
         return refuse("CSR and certificate key type is not matching.");
     }
-    if (EVP_PKEY_eq(certificateKey.get(), requestKey.get()) != 1) {
+    const bool isSameKey = EVP_PKEY_eq(certificateKey.get(), requestKey.get()) == 1;
+    watch.throwIfRefused();
+    if (!isSameKey) {
         return refuse("CSR and certificate public key is not matching.");
     }
     return true;
@@ -90,11 +94,17 @@ std::string _subject_as_line(const X509_NAME* name) {
     if (name == nullptr) {
         return refusedName("Invalid x509 object pointer");
     }
+    const MemoryWatch watch;
     const BioPtr bio(BIO_new(BIO_s_mem()));
     if (!bio) {
         return refusedName("failed to create bio object");
     }
-    X509_NAME_print(bio.get(), name, 0);
+    const bool isPrinted = X509_NAME_print(bio.get(), name, 0) == 1;
+    watch.throwIfRefused();
+    if (!isPrinted) {
+        ERR_clear_error();  // too long for OpenSSL, above all
+        return std::string();
+    }
     char* data = nullptr;
     const long size = BIO_get_mem_data(bio.get(), &data);
     return size > 0 ? std::string(data, static_cast<std::size_t>(size)) : std::string();

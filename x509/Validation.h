@@ -20,7 +20,8 @@ bool isCertificateValid(const std::string& path);
 /// else.
 std::string correctIPv6Address(const std::string& address);
 
-/// The names as X509_NAME_print writes them; empty, after an ERR line, for none.
+/// The names as X509_NAME_print writes them; empty for one that it cannot write, and, after an ERR line, for
+/// none. A slash inside a value has a backslash before it; a comma has none.
 std::string _subject_as_line(const X509_NAME* name);
 std::string subject_one_line(const X509_T& certificate);
 std::string issuer_one_line(const X509_T& certificate);

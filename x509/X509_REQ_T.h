@@ -12,12 +12,15 @@ using X509_REQ = X509_req_st;
 
 namespace keywarden {
 
-/// Owns one certificate signing request (PKCS#10, RFC 2986). Moved, never copied.
+/// Owns one certificate signing request (PKCS#10, RFC 2986). Moved, never copied. That there was no memory to
+/// read or make one whole is a std::bad_alloc.
 class X509_REQ_T {
   public:
     X509_REQ_T() = default;  ///< no request
     /// The PEM request of a file. Throws std::runtime_error.
     explicit X509_REQ_T(const std::string& path);
+    /// The PEM request of a text. Throws std::runtime_error.
+    [[nodiscard]] static X509_REQ_T fromPem(const std::string& pem);
     /// Builds a request from the settings and signs it with the key. Throws std::runtime_error.
     X509_REQ_T(const kwdata::CCertificateData& settings, const EVP_PKEY_T& key);
 

@@ -7,7 +7,8 @@
 
 namespace keywarden {
 
-/// Owns one certificate. Moved, never copied.
+/// Owns one certificate. Moved, never copied. That there was no memory to read one is a std::bad_alloc, and
+/// never the std::runtime_error of a text that holds none.
 class X509_T {
   public:
     X509_T() = default;                                                ///< no certificate

@@ -1,6 +1,7 @@
 #include "cnf/CnfFileConfiguration.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <stdexcept>
 
@@ -22,6 +23,14 @@ class CnfFile : public CnfFixture {
     }
     [[nodiscard]] kwdata::CCertificateData dataOf(const std::string& content) const {
         return read(content).getCCertificateData();
+    }
+    static std::string failureOf(const std::string& path) {
+        try {
+            const CnfFileConfiguration configuration(path);
+        } catch (const std::runtime_error& error) {
+            return error.what();
+        }
+        return "no exception";
     }
     [[nodiscard]] std::string commonNameOf(const std::string& scriptBody) const {
         return read("commonNameScript " + script(scriptBody) + "\n").getCN();
@@ -110,16 +119,30 @@ TEST_F(CnfFile, BitsAreReadUpToTheFirstLetter) {
 
 TEST_F(CnfFile, AMissingFileFails) {
     const std::string path = sandbox_.path("missing.cnf");
-    try {
-        const CnfFileConfiguration configuration(path);
-        FAIL() << "was read";
-    } catch (const std::runtime_error& error) {
-        EXPECT_EQ(error.what(), "Failed to read configuration file-" + path);
-    }
+    EXPECT_EQ(failureOf(path), "Failed to read configuration file-" + path);
 }
 
 TEST_F(CnfFile, AFolderFails) {
-    EXPECT_THROW(CnfFileConfiguration configuration(sandbox_.path()), std::runtime_error);
+    EXPECT_EQ(failureOf(sandbox_.path()), "Failed to read configuration file-" + sandbox_.path());
+}
+
+TEST_F(CnfFile, AFifoFailsWithoutWaitingForAWriter) {
+    const std::string path = sandbox_.path("fifo.cnf");
+    ASSERT_EQ(::mkfifo(path.c_str(), 0666), 0);
+    EXPECT_EQ(failureOf(path), "Failed to read configuration file-" + path);
+}
+
+TEST_F(CnfFile, ADeviceWithoutAnEndFails) {
+    EXPECT_EQ(failureOf("/dev/zero"), "Failed to read configuration file-/dev/zero");
+}
+
+TEST_F(CnfFile, OneMebibyteIsReadAndMoreIsRefused) {
+    const std::size_t limit = std::size_t{1024} * 1024;
+    const std::string setting = "CN host\n";
+    const std::string path = settings(setting + std::string(limit - setting.size(), '#'));
+    EXPECT_EQ(CnfFileConfiguration(path).getCN(), "host");
+    EXPECT_EQ(failureOf(settings(setting + std::string(limit + 1 - setting.size(), '#'))),
+              "Failed to read configuration file-" + path);
 }
 
 TEST_F(CnfFile, ReadingIsTraced) {

@@ -113,6 +113,35 @@ TEST(DistinguishedName, UnknownAttributesAreLeftOut) {
                CDistinguishedName("", "", "", "Firm", {}, "h", ""));
 }
 
+TEST(DistinguishedName, AnEscapedSeparatorBelongsToTheValue) {
+    expectSame(CDistinguishedName::from(R"(CN=a\/emailAddress=evil@b)"),
+               CDistinguishedName("", "", "", "", {}, "a/emailAddress=evil@b", ""));
+    expectSame(CDistinguishedName::from(R"(O=a\, CN=evil, CN=host/emailAddress=a@b)"),
+               CDistinguishedName("", "", "", "a, CN=evil", {}, "host", "a@b"));
+    expectSame(CDistinguishedName::from(R"(O=a\/b, CN=http:\/\/h)"),
+               CDistinguishedName("", "", "", R"(a\/b)", {}, R"(http:\/\/h)", ""));
+}
+
+TEST(DistinguishedName, AValueThatReadsLikeItemsIsWrittenAndReadBackAsOne) {
+    const CDistinguishedName name("", "", "", "a, CN=evil, OU=evil", {R"(b\, C=XX)", "c, d"},
+                                  "h/emailAddress=evil@b/1.2.3=x", "");
+    EXPECT_EQ(lineOf(name), R"(O=a\, CN=evil\, OU=evil, OU=b\\, C=XX, OU=c, d, )"
+                            R"(CN=h\/emailAddress=evil@b\/1.2.3=x)");
+    expectSame(CDistinguishedName::from(lineOf(name)), name);
+}
+
+TEST(DistinguishedName, ABackslashAtTheEndOfAValueHidesNoItem) {
+    const CDistinguishedName name("", "", "", R"(a\)", {R"(b\\)"}, "host", "");
+    EXPECT_EQ(lineOf(name), R"(O=a\x5C, OU=b\\x5C, CN=host)");
+    EXPECT_EQ(CDistinguishedName::from(lineOf(name)).common_name, "host");
+}
+
+TEST(DistinguishedName, AttributesWithoutAFieldDoNotStickToTheOneBefore) {
+    expectSame(
+        CDistinguishedName::from("O=Firm/organizationIdentifier=VATDE-1, CN=h/1.2.3.4=x/jurisdictionC=DE"),
+        CDistinguishedName("", "", "", "Firm", {}, "h", ""));
+}
+
 TEST(DistinguishedName, TheFirstOfTwoCommonNamesIsKept) {
     EXPECT_EQ(CDistinguishedName::from("CN=first, CN=second").common_name, "first");
 }
