@@ -1,11 +1,21 @@
 #include "config/InternalCertificatesAccessor.h"
 
-#include <fstream>
+#include <cstddef>
+#include <stdexcept>
 
 #include "config/ServiceConfiguration.h"
 #include "daemon/DaemonConfiguration.h"
+#include "support/Debug.h"
+#include "support/RegularFile.h"
 
 namespace keywarden {
+
+namespace {
+
+// An id is ten bytes.
+constexpr std::size_t kLargestActiveFile = 4096;
+
+}  // namespace
 
 InternalCertificatesAccessor::InternalCertificatesAccessor(const std::string& serviceId,
                                                            const std::string& storeName)
@@ -72,11 +82,17 @@ std::string InternalCertificatesAccessor::certOverwrittenDataPath(const std::str
     return cachedDirectory_ + "/" + id + ".overwrite";
 }
 
+// A disk that fails for a moment is asked once more: an empty answer means a store without a certificate.
 std::string InternalCertificatesAccessor::getActive() const {
-    std::ifstream file(activeFile_);
-    std::string id;
-    std::getline(file, id);
-    return id;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        try {
+            const std::string content = readRegularFile(activeFile_, kLargestActiveFile);
+            return content.substr(0, content.find('\n'));
+        } catch (const std::runtime_error& error) {
+            debugTrace(error.what());
+        }
+    }
+    return {};
 }
 
 }  // namespace keywarden

@@ -1,8 +1,6 @@
 #include "config/ServiceConfiguration.h"
 
-#include <sys/stat.h>
-
-#include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <utility>
 
@@ -11,6 +9,7 @@
 #include "support/Debug.h"
 #include "support/Failure.h"
 #include "support/Log.h"
+#include "support/RegularFile.h"
 #include "support/Tools.h"
 
 namespace keywarden {
@@ -49,22 +48,14 @@ std::string storePath(const std::string& serviceId, const std::string& store, co
     }
 }
 
-/// A fifo would be waited on for ever, a folder only fails when it is read.
-bool isRegularFile(const std::string& path) {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
-}
-
 ConfigValues readFile(const std::string& path, const std::string& serviceId) {
-    std::ifstream file;
-    if (isRegularFile(path))
-        file.open(path);
-    if (file.is_open()) {
-        ConfigValues values(Tools::getConfigFileMap(file));
-        if (!file.bad())
-            return values;
+    try {
+        std::istringstream file(readRegularFile(path, kLargestConfigurationFile));
+        return ConfigValues(Tools::getConfigFileMap(file));
+    } catch (const std::runtime_error& error) {
+        debugTrace(error.what());
+        throw std::runtime_error("No configuration file for the service " + serviceId);
     }
-    throw std::runtime_error("No configuration file for the service " + serviceId);
 }
 
 }  // namespace

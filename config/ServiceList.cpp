@@ -1,5 +1,4 @@
 #include <dirent.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
@@ -9,6 +8,7 @@
 #include "config/ServiceConfiguration.h"
 #include "daemon/DaemonConfiguration.h"
 #include "support/Failure.h"
+#include "support/FileStatus.h"
 
 namespace keywarden {
 
@@ -29,11 +29,11 @@ const dirent* nextEntry(const Folder& folder, const std::string& path) {
 }
 
 /// Links are no services, whatever they lead to. Some file systems do not tell the type with the name.
-bool isRegularFile(const dirent& entry, const std::string& folder) {
+bool isRegularFile(const dirent& entry, int folder) {
     if (entry.d_type != DT_UNKNOWN)
         return entry.d_type == DT_REG;
-    struct stat info {};
-    return ::lstat((folder + "/" + entry.d_name).c_str(), &info) == 0 && S_ISREG(info.st_mode);
+    const auto status = statusAt(folder, entry.d_name);
+    return status && status->isRegular();
 }
 
 /// Empty for a name that is no service's: only the first dot counts, so "a.b.conf" names none.
@@ -51,7 +51,7 @@ std::vector<std::string> readServiceList(const std::string& path) {
     std::vector<std::string> services;
     while (const dirent* const entry = nextEntry(folder, path)) {
         std::string id = serviceId(entry->d_name);
-        if (!id.empty() && isRegularFile(*entry, path))
+        if (!id.empty() && isRegularFile(*entry, ::dirfd(folder.get())))
             services.push_back(std::move(id));
     }
     return services;

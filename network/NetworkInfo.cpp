@@ -1,8 +1,8 @@
 #include "network/NetworkInfo.h"
 
-#include <filesystem>
-#include <fstream>
-#include <system_error>
+#include <cstddef>
+#include <sstream>
+#include <stdexcept>
 #include <vector>
 
 #include "config/ServiceConfiguration.h"
@@ -10,6 +10,7 @@
 #include "support/Debug.h"
 #include "support/FileWriter.h"
 #include "support/Log.h"
+#include "support/RegularFile.h"
 #include "support/Tools.h"
 
 namespace keywarden {
@@ -22,13 +23,14 @@ std::string numbered(const std::string& prefix, std::size_t number) {
     return prefix + "." + std::to_string(number);
 }
 
-ConfigMap readFile(const std::string& path) {
-    // Opening a fifo that somebody planted there would wait for ever.
-    std::error_code ignored;
-    if (!std::filesystem::is_regular_file(path, ignored))
+constexpr std::size_t kLargestFile = std::size_t{1024} * 1024;
+
+std::string contentOfFile(const std::string& path) {
+    try {
+        return readRegularFile(path, kLargestFile);
+    } catch (const std::runtime_error&) {
         return {};
-    std::ifstream file(path);
-    return Tools::getConfigMap(file);
+    }
 }
 
 /// The values of "<prefix>.1", "<prefix>.2" ... up to the first one missing or empty.
@@ -82,14 +84,19 @@ NetworkInfo::NetworkInfo(const ServiceConfiguration& configuration) {
     }
 }
 
-NetworkInfo::NetworkInfo(const std::string& path) {
-    const ConfigMap values = readFile(path);
+NetworkInfo::NetworkInfo(const std::string& path) : NetworkInfo(fromText(contentOfFile(path))) {}
+
+NetworkInfo NetworkInfo::fromText(const std::string& text) {
+    NetworkInfo info;
+    std::istringstream lines(text);
+    const ConfigMap values = Tools::getConfigMap(lines);
     const auto names = list(values, "HOSTNAME");
-    fqdns.insert(names.begin(), names.end());
+    info.fqdns.insert(names.begin(), names.end());
     for (const std::string& name : list(values, "INTERFACE")) {
         const auto addresses = list(values, name);
-        interfaces[name].insert(addresses.begin(), addresses.end());
+        info.interfaces[name].insert(addresses.begin(), addresses.end());
     }
+    return info;
 }
 
 void NetworkInfo::save(const std::string& path) const {

@@ -15,6 +15,8 @@ class NetworkInfo {
     explicit NetworkInfo(const ServiceConfiguration& configuration);
     /// As saved; empty when the file cannot be read.
     explicit NetworkInfo(const std::string& path);
+    /// The content of such a file.
+    [[nodiscard]] static NetworkInfo fromText(const std::string& text);
 
     /// Writes the file (0644) into a folder that the daemon's user owns. A failure is logged at ERR, not
     /// thrown; the old file then stays.
@@ -28,6 +30,9 @@ class NetworkInfo {
 
     std::set<std::string> fqdns;
     std::map<std::string, std::set<std::string>> interfaces;
+
+  private:
+    NetworkInfo() = default;
 };
 
 }  // namespace keywarden

@@ -1,12 +1,15 @@
 #include "server/Server.h"
 
+#include <cstddef>
+#include <stdexcept>
+
+#include "server/ServerEvents.h"
 #include "server/StoreFiles.h"
-#include "support/Common.h"
 #include "support/Debug.h"
 #include "support/Failure.h"
+#include "support/FileWriteError.h"
 #include "support/KeywardenDaemonException.h"
 #include "support/Log.h"
-#include "support/Tools.h"
 #include "x509/Description.h"
 
 namespace keywarden {
@@ -23,16 +26,20 @@ Server::Server(const ServiceConfiguration& serviceConfiguration,
     : configuration(serviceConfiguration),
       callbacks(std::move(serviceCallbacks)),
       accessor(serviceConfiguration, "server"),
-      journal({accessor.certificateDirectoryPath(), accessor.cachedDirectoryPath()}) {
+      folders(
+          {accessor.certificateDirectoryPath(), accessor.cachedDirectoryPath(), accessor.tmpDirectoryPath()}),
+      journal(folders, kDurableFolders) {
     Log::open();
+    updateFolders();
     recover();
-    // Without the file it is not known which certificate was in force, nor then which files are left over.
-    const bool isActiveKnown = Tools::fileExist(accessor.activePath());
     updateFileSystem();
     removeCsr();
     const bool isPresent = isCertificatePresent() && loadActiveCertificate();
-    if (isActiveKnown && (isPresent || !isCertificatePresent()))
-        removeUnfinished(accessor.getActive());
+    if (!isPresent && journal.isUnfinished())
+        throw std::runtime_error("The store of the service '" + name() +
+                                 "' holds a change that was interrupted and cannot be finished now.");
+    warnOfUnnamedFiles();
+    tellAgain();
     if (isPresent) {
         Log::write(SeverityInfo, "Server certificate found for service: " + name());
         checkNetworkInfo();
@@ -41,7 +48,7 @@ Server::Server(const ServiceConfiguration& serviceConfiguration,
         createCertificate();
     }
     if (isCertificatePresent())
-        checkTimeValidity();
+        checkTimeValidity(false);
 }
 
 void Server::checkNetworkInfo() {
@@ -54,8 +61,29 @@ void Server::checkNetworkInfo() {
         createCertificate();
 }
 
+std::string Server::activeId() const {
+    if (!folders.exists(accessor.activePath()))
+        return {};
+    constexpr std::size_t kLargestActiveFile = 4096;
+    constexpr std::size_t kLongestId = 200;
+    try {
+        const std::string content = folders.read(accessor.activePath(), kLargestActiveFile);
+        const std::string id = content.substr(0, content.find('\n'));
+        // What can be no file's name names nothing.
+        return id.size() <= kLongestId && id.find_first_of(std::string("/\0", 2)) == std::string::npos &&
+                       id != "." && id != ".."
+                   ? id
+                   : std::string();
+    } catch (const FileWriteError&) {
+        throw;
+    } catch (const std::runtime_error&) {
+        // Something else in its place names nothing.
+        return {};
+    }
+}
+
 bool Server::isCertificatePresent() const {
-    return !accessor.getActive().empty();
+    return !activeId().empty();
 }
 
 FileAttributes Server::managedFile(unsigned mode) const {
@@ -74,11 +102,11 @@ FileAttributes Server::keyFile() const {
 
 void Server::updateFileSystem() {
     updateFolders();
-    if (!Tools::fileExist(accessor.activePath()))
-        FileWriter::write(accessor.activePath(), "", managedFile());
-    Tools::changeGroup(accessor.activePath(), configuration.getManagementGroup());
-    Tools::changeMode(accessor.activePath(), 0644);
-    const std::string id = accessor.getActive();
+    if (!folders.exists(accessor.activePath()))
+        updateActiveFile("");
+    folders.setGroup(accessor.activePath(), configuration.getManagementGroup());
+    folders.setMode(accessor.activePath(), 0644);
+    const std::string id = activeId();
     if (!id.empty()) {
         try {
             updateCertificateFiles(id);
@@ -91,29 +119,29 @@ void Server::updateFileSystem() {
 }
 
 void Server::updateFolders() {
-    for (const std::string& folder :
-         {accessor.certificateDirectoryPath(), accessor.cachedDirectoryPath(), accessor.tmpDirectoryPath()}) {
-        Tools::createDirectory(folder, kFolderMode);
-        Tools::changeGroup(folder, configuration.getManagementGroup());
-    }
+    for (std::size_t place = 0; place < folders.size(); ++place)
+        folders.prepare(place, kFolderMode, configuration.getManagementGroup(), place == kTemporaryFolder);
 }
 
 void Server::updateCertificateFiles(const std::string& id) {
     debugTrace("Check certificate " + id);
-    const X509_T certificate(accessor.certPath(id));
-    Tools::changeMode(accessor.certPath(id), 0644);
-    Tools::changeGroup(accessor.certPath(id), configuration.getManagementGroup());
-    Tools::changeMode(accessor.certKeyPath(id), 0640);
-    Tools::changeGroup(accessor.certKeyPath(id), configuration.getKeyGroup());
+    const X509_T certificate = storedCertificate(id);
+    folders.setMode(accessor.certPath(id), 0644);
+    folders.setGroup(accessor.certPath(id), configuration.getManagementGroup());
+    folders.setMode(accessor.certKeyPath(id), 0640);
+    folders.setGroup(accessor.certKeyPath(id), configuration.getKeyGroup());
     FileTransaction change(journal);
     stageInfo(change, certificate, id);
     change.commit();
     writeDetails(certificate, id);
     const std::string overwrittenData = accessor.certOverwrittenDataPath(id);
-    if (!Tools::fileExist(overwrittenData))
-        FileWriter::write(overwrittenData, "", managedFile(kOverwrittenDataMode));
-    Tools::changeMode(overwrittenData, kOverwrittenDataMode);
-    Tools::changeGroup(overwrittenData, configuration.getManagementGroup());
+    if (!folders.exists(overwrittenData)) {
+        FileTransaction creation(journal);
+        creation.stage(overwrittenData, "", managedFile(kOverwrittenDataMode));
+        creation.commit();
+    }
+    folders.setMode(overwrittenData, kOverwrittenDataMode);
+    folders.setGroup(overwrittenData, configuration.getManagementGroup());
 }
 
 std::vector<std::string> Server::filesOf(const std::string& id) const {
@@ -123,17 +151,17 @@ std::vector<std::string> Server::filesOf(const std::string& id) const {
 
 void Server::removeCertificate(const std::string& id) {
     for (const std::string& path : filesOf(id))
-        Common::removeFile(path);
+        folders.remove(path);
 }
 
 void Server::removeCsr() {
     for (const std::string& path : {accessor.csrPath(), accessor.csrNetworkPath(), accessor.csrKeyPath()})
-        Common::removeFile(path);
+        folders.remove(path);
 }
 
 void Server::revokeCrt() {
     debugTrace(" Revoke the certificate...");
-    const std::string id = accessor.getActive();
+    const std::string id = activeId();
     if (!id.empty()) {
         debugTrace("Remove the active certificate: " + id);
         FileTransaction change(journal);
@@ -141,7 +169,7 @@ void Server::revokeCrt() {
             change.remove(path);
         // On a full disk, too, a certificate can be revoked.
         change.commitAtAnyRate();
-        if (Tools::fileExist(accessor.certPath(id)) || Tools::fileExist(accessor.certKeyPath(id)))
+        if (folders.exists(accessor.certPath(id)) || folders.exists(accessor.certKeyPath(id)))
             throw KeywardenDaemonException("The files of the certificate '" + id + "' of service '" + name() +
                                            "' cannot be removed.");
     }

@@ -17,6 +17,7 @@
 #include "stores/CertificateInfo.h"
 #include "support/FileTransaction.h"
 #include "support/FileWriter.h"
+#include "support/FolderSet.h"
 #include "support/Journal.h"
 #include "x509/EVP_PKEY_T.h"
 #include "x509/X509_REQ_T.h"
@@ -34,16 +35,18 @@ class Server {
     };
 
     /// Runs the store's start-up: an interrupted change finished or discarded, housekeeping, a pending
-    /// request discarded, a certificate generated where none is present or the network identity went stale,
-    /// an expiry check. `configuration` must outlive this; `callbacks` is never null. Throws
-    /// std::runtime_error when the store's folders cannot be used; a certificate that cannot be made is only
-    /// logged.
+    /// request discarded, an owner told of what it was not told before, a certificate generated where none is
+    /// present or the network identity went stale, an expiry check. `configuration` must outlive this;
+    /// `callbacks` is never null. Throws std::runtime_error when the store's folders cannot be used, or an
+    /// interrupted change has left a pair that does not match and cannot be finished: nothing is generated
+    /// over it. A certificate that cannot be made is only logged.
     Server(const ServiceConfiguration& configuration, std::shared_ptr<ServiceCallbacks> callbacks);
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
     // The store (Server.cpp; installation in ServerInstallation.cpp).
-    /// Whether the active file names a certificate; its files are not looked at.
+    /// Whether the active file names a certificate; its files are not looked at. Throws FileWriteError when
+    /// the active file is there and cannot be read.
     [[nodiscard]] bool isCertificatePresent() const;
     /// Brings folders and the active certificate's files to their rights and writes its derived files again.
     /// Throws std::runtime_error for the folders and the active file; trouble with the certificate's own
@@ -125,26 +128,35 @@ class Server {
     };
 
     [[nodiscard]] const std::string& name() const { return configuration.getServiceId(); }
+    /// What the active file says; throws FileWriteError when it is there and cannot be read, which must not
+    /// look like a store without a certificate.
+    [[nodiscard]] std::string activeId() const;
     [[nodiscard]] FileAttributes managedFile(unsigned mode = 0644) const;
     [[nodiscard]] FileAttributes keyFile() const;
 
-    /// Whether the active id names a pair that can be used, with its record loaded; what is wrong is logged.
+    /// Whether the active id names a pair that can be used. Its record is then loaded: made from the
+    /// certificate itself, never from a file that others may have written. What is wrong is logged. Throws
+    /// FileWriteError or std::bad_alloc when it cannot be told now: nothing may then be made over it.
     [[nodiscard]] bool loadActiveCertificate();
-    [[nodiscard]] bool loadCertificateInfo(const std::string& id);
-    [[nodiscard]] bool isWholePair(const std::string& id) const;
     [[nodiscard]] std::vector<std::string> filesOf(const std::string& id) const;
-    void recover() const;
-    void removeUnfinished(const std::string& active);
-    void addForeignIds(const std::string& folder, const std::string& active,
-                       std::set<std::string>& found) const;
+    [[nodiscard]] X509_T storedCertificate(const std::string& id) const;
+    void keepUnnamedPair(const std::string& id) const;
+    void warnOfUnnamedFiles() const;
+    void addUnnamed(const std::string& folder, std::set<std::string>& found) const;
+    void recover();
+    /// A start has looked at the pair itself.
+    void checkTimeValidity(bool healing);
+    void healBeforeCheck();
+    void loadRecordAfterFailure(const X509_T& certificate, const std::string& id);
+    void announce(const std::string& id, const std::string& previous);
+    void tellAgain();
+    void tell(const std::string& id, const std::string& previous);
     void checkNetworkInfo();
     void updateFolders();
     void updateCertificateFiles(const std::string& id);
 
     void saveCertificateFiles(const X509_T& certificate, const EVP_PKEY_T& key, const NetworkInfo& network,
-                              const std::string& id) const;
-    /// `earlierKey` is the descriptor of the key file before the installation, or negative.
-    void restorePair(const std::string& id, int earlierKey) const;
+                              const std::string& id, const std::string& previous);
     void stagePair(FileTransaction& change, const X509_T& certificate, const EVP_PKEY_T& key,
                    const std::string& id) const;
     void stageDescription(FileTransaction& change, const X509_T& certificate, const NetworkInfo& network,
@@ -159,8 +171,7 @@ class Server {
     void addAltName(kwdata::CCertificateData& data, const std::map<std::string, std::string>& names) const;
     [[nodiscard]] std::unique_ptr<CnfConfiguration> requestSettings(bool selfSigned) const;
     void createPendingRequest(const std::function<kwdata::CCertificateData(CnfConfiguration&)>& readSettings);
-    void savePendingRequest(const EVP_PKEY_T& key, const X509_REQ_T& request,
-                            const NetworkInfo& network) const;
+    void savePendingRequest(const EVP_PKEY_T& key, const X509_REQ_T& request, const NetworkInfo& network);
     [[nodiscard]] X509_T readCertificateToApply(const std::string& path) const;
     [[nodiscard]] std::pair<X509_REQ_T, EVP_PKEY_T> readPendingRequest();
 
@@ -174,8 +185,10 @@ class Server {
     const ServiceConfiguration& configuration;
     std::shared_ptr<ServiceCallbacks> callbacks;
     InternalCertificatesAccessor accessor;
+    FolderSet folders;
     Journal journal;
     std::shared_ptr<CertificateInfo> certificateInfo;
+    bool isAnnounced = false;  ///< the installation under way has come to its owner
 };
 
 }  // namespace keywarden

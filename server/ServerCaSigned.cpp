@@ -1,14 +1,17 @@
 // A certificate signed by another service of the device, whose own server certificate is the CA.
-#include <sys/stat.h>
-
+#include <cerrno>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
 #include "server/FailureTexts.h"
 #include "server/Server.h"
+#include "server/StoreFiles.h"
 #include "support/Common.h"
 #include "support/Debug.h"
 #include "support/Failure.h"
+#include "support/FileStatus.h"
+#include "support/FolderSet.h"
 #include "support/KeywardenDaemonException.h"
 #include "support/Log.h"
 #include "x509/Inspection.h"
@@ -38,6 +41,13 @@ constexpr FailureTexts kPeriodFailed = {
     "Generic exception received during setting the valid seconds during CA signed certificate generation "
     "for service '"};
 
+// Of the certificate in force. Only what the system says does not exist counts as missing.
+bool isCertificateFileMissing(const std::string& service) {
+    const InternalCertificatesAccessor store(service, "server");
+    const std::string id = store.getActive();
+    return id.empty() || (!statusOfPath(store.certPath(id)) && errno == ENOENT);
+}
+
 struct CertificateAuthorityFiles {
     X509_T certificate;
     EVP_PKEY_T key;
@@ -45,7 +55,9 @@ struct CertificateAuthorityFiles {
 
 CertificateAuthorityFiles readOnce(const InternalCertificatesAccessor& store) {
     const std::string id = store.getActive();
-    CertificateAuthorityFiles files{X509_T(store.certPath(id)), EVP_PKEY_T(store.certKeyPath(id))};
+    const FolderSet folders({store.certificateDirectoryPath()});
+    CertificateAuthorityFiles files{readCertificate(folders, store.certPath(id)),
+                                    readKey(folders, store.certKeyPath(id))};
     if (!keyMatchesCertificate(files.key, files.certificate))
         throw std::runtime_error("The key does not belong to the certificate.");
     return files;
@@ -94,19 +106,20 @@ void Server::createAndApplyCASigned() {
 }
 
 bool Server::isCertificateMatchingCA() const {
-    return getServerCertificateTimestamp(name()) <
-           getServerCertificateTimestamp(configuration.getCAServiceId());
+    const std::int64_t own = getServerCertificateTimestamp(name());
+    // One that is there and could not be looked at for a moment is not older than the CA's: it stays.
+    if (own == 0 && !isCertificateFileMissing(name()))
+        return false;
+    return own < getServerCertificateTimestamp(configuration.getCAServiceId());
 }
 
 std::int64_t Server::getServerCertificateTimestamp(const std::string& service) const {
     try {
         const InternalCertificatesAccessor store(service, "server");
         const std::string id = store.getActive();
-        struct stat info {};
         // Without an id the path is the folder's, whose time says nothing.
-        if (id.empty() || ::stat(store.certPath(id).c_str(), &info) != 0)
-            return 0;
-        return info.st_ctim.tv_sec;
+        const auto status = id.empty() ? std::nullopt : statusOfPath(store.certPath(id));
+        return status ? status->changeTime : 0;
     } catch (...) {
         const Failure failure = Failure::current();
         Log::write(SeverityInfo,

@@ -3,11 +3,12 @@
 
 #include "server/FailureTexts.h"
 #include "server/Server.h"
+#include "server/ServerEvents.h"
+#include "server/StoreFiles.h"
 #include "support/Clock.h"
 #include "support/Common.h"
 #include "support/Debug.h"
 #include "support/Log.h"
-#include "support/Tools.h"
 
 namespace keywarden {
 
@@ -59,6 +60,10 @@ int wholeDays(float days) {
 }  // namespace
 
 void Server::checkTimeValidity() {
+    checkTimeValidity(true);
+}
+
+void Server::checkTimeValidity(bool healing) {
     if (Common::isDateOld()) {
         Log::write(
             SeverityError,
@@ -66,6 +71,8 @@ void Server::checkTimeValidity() {
                 name());
         return;
     }
+    if (healing)
+        healBeforeCheck();
     if (!isCertificatePresent())
         createCertificate();
     if (!certificateInfo) {
@@ -151,13 +158,13 @@ void Server::followCA() {
 
 bool Server::isNetworkInfoValid() {
     debugTrace("Checking if network is valid for service: " + name());
-    const std::string path = accessor.certNetworkPath(accessor.getActive());
-    if (!Tools::fileExist(path)) {
+    const std::string path = accessor.certNetworkPath(activeId());
+    if (!folders.exists(path)) {
         Log::write(SeverityNotice, path + " file not found.");
         return false;
     }
     debugTrace("Reading network information from the " + path + " file.");
-    const NetworkInfo recorded(path);
+    const NetworkInfo recorded = readNetwork(folders, path);
     debugTrace("Reading current network information based on service config file.");
     const NetworkInfo current(configuration);
     debugTrace("Checking if the certificate network information present in current network information.");

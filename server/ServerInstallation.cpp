@@ -1,55 +1,23 @@
 // Installing a certificate: its files, the active pointer, the owner told, the earlier files removed.
-#include <fcntl.h>
-#include <unistd.h>
 
-#include <cstddef>
-#include <cstring>
 #include <memory>
 #include <stdexcept>
 
+#include "callbacks/Delivery.h"
 #include "server/Server.h"
+#include "server/ServerEvents.h"
 #include "server/StoreFiles.h"
 #include "stores/CertificateInfoStorage.h"
-#include "support/Common.h"
 #include "support/Debug.h"
-#include "support/Failure.h"
 #include "support/FileWriteError.h"
 #include "support/KeywardenDaemonException.h"
 #include "support/Log.h"
-#include "support/Tools.h"
-#include "support/UniqueFd.h"
 #include "x509/Inspection.h"
 #include "x509/Secret.h"
 
 namespace keywarden {
 
 namespace {
-
-// Keeps what the name stands for now, also when another file gets the name. None when there is no such file.
-UniqueFd openEarlierKey(const std::string& path) {
-    return UniqueFd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-}
-
-// A key file is far smaller; more than this is no key.
-constexpr std::size_t kLargestKeyFile = 65536;
-
-// At its full size from the start: a text that grows would leave copies of the key behind.
-std::string contentOf(int file) {
-    std::string content(kLargestKeyFile, '\0');
-    const ssize_t size = ::pread(file, content.data(), content.size(), 0);
-    if (size < 0)
-        throw std::runtime_error("The earlier key cannot be read");
-    content.resize(static_cast<std::size_t>(size));
-    return content;
-}
-
-bool belongTogether(const std::string& keyPath, const std::string& certificatePath) {
-    try {
-        return keyMatchesCertificate(EVP_PKEY_T(keyPath), X509_T(certificatePath));
-    } catch (const std::exception&) {
-        return false;
-    }
-}
 
 [[noreturn]] void failActiveFile(const std::string& path) {
     throw KeywardenDaemonException("Failed to open active file: '" + path + "' file.");
@@ -62,28 +30,76 @@ void Server::installCertificate(const X509_T& certificate, const EVP_PKEY_T& key
     debugTrace(" Generate the certificate id...");
     // Two certificates with the same subject have the same id and so the same files.
     const std::string id = subjectNameHash(certificate) + ".0";
-    const std::string previous = accessor.getActive();
-    saveCertificateFiles(certificate, key, network, id);
-    removeCsr();
-    Log::write(SeverityNotice, "New certificate with id '" + id + "' for service '" + name() +
-                                   "' has been installed. Calling the callback script...");
-    callbacks->newGeneratedCertificate(id);
-    // Only now: the owner may use the earlier files until it has been told.
-    if (!previous.empty() && previous != id) {
-        debugTrace("Remove the previous certificate: " + previous);
-        removeCertificate(previous);
+    const std::string previous = activeId();
+    folders.noticeWhetherThere();
+    isAnnounced = false;
+    if (id != previous)
+        keepUnnamedPair(id);
+    try {
+        saveCertificateFiles(certificate, key, network, id, previous);
+        announce(id, previous);
+    } catch (...) {
+        loadRecordAfterFailure(certificate, id);
+        throw;
     }
-    certificateInfo = std::make_shared<CertificateInfo>(accessor.certInfoPath(id));
+    certificateInfo = std::make_shared<CertificateInfo>(CertificateInfoStorage(certificate));
     debugTrace(" Save the certificate files with " + id + "... Done.");
 }
 
+void Server::announce(const std::string& id, const std::string& previous) {
+    removeCsr();
+    Log::write(SeverityNotice, "New certificate with id '" + id + "' for service '" + name() +
+                                   "' has been installed. Calling the callback script...");
+    isAnnounced = true;
+    tell(id, previous);
+}
+
+// The event is struck out only when the owner has it: cut off by a stop, it is told at the next start.
+void Server::tell(const std::string& id, const std::string& previous) {
+    try {
+        callbacks->newGeneratedCertificate(id);
+    } catch (...) {
+        // A library that throws was told all the same.
+        journal.told();
+        throw;
+    }
+    if (!wasDelivered(*callbacks))
+        return;
+    // Only now: the owner may use the earlier files until it has been told.
+    if (!previous.empty() && previous != id && previous != activeId()) {
+        debugTrace("Remove the previous certificate: " + previous);
+        removeCertificate(previous);
+        try {
+            // Else a power cut could bring them back after the journal, which says that they are too many.
+            folders.folder(kCertificateFolder)->sync();
+        } catch (const FileWriteError& error) {
+            Log::write(SeverityError, std::string("An event will be told once more: ") + error.what());
+            return;
+        }
+    }
+    journal.told();
+}
+
+// What the store holds is in force, whichever step failed; and what is in force the owner has to know.
+void Server::loadRecordAfterFailure(const X509_T& certificate, const std::string& id) {
+    try {
+        if (!isCertificatePresent() || !loadActiveCertificate())
+            return;
+        if (!isAnnounced && activeId() == id && sameEncoding(storedCertificate(id), certificate))
+            announce(id, id);
+    } catch (const std::exception& error) {
+        Log::write(SeverityError, "The certificate of service '" + name() +
+                                      "' cannot be looked at after a failed installation: " + error.what());
+    }
+}
+
 void Server::saveCertificateFiles(const X509_T& certificate, const EVP_PKEY_T& key,
-                                  const NetworkInfo& network, const std::string& id) const {
+                                  const NetworkInfo& network, const std::string& id,
+                                  const std::string& previous) {
     debugTrace(" Save the certificate files for " + id + "...");
     FileTransaction change(journal);
     stagePair(change, certificate, key, id);
-    const UniqueFd earlierKey = openEarlierKey(accessor.certKeyPath(id));
-    change.onFailure([&] { restorePair(id, earlierKey.get()); });
+    change.together(accessor.certKeyPath(id), accessor.certPath(id));
     try {
         stageDescription(change, certificate, network, id);
     } catch (...) {
@@ -91,25 +107,8 @@ void Server::saveCertificateFiles(const X509_T& certificate, const EVP_PKEY_T& k
         change.commitAtAnyRate();
         throw;
     }
+    change.tell({kNewEvent, id, previous.empty() ? kNone : previous});
     change.commit();
-}
-
-// The renames of key and certificate are not one step: when the second fails (a broken disk, a mount point in
-// its place), the store gets back the key that fits its certificate.
-void Server::restorePair(const std::string& id, int earlierKey) const {
-    const std::string keyPath = accessor.certKeyPath(id);
-    if (belongTogether(keyPath, accessor.certPath(id)))
-        return;
-    if (earlierKey < 0) {
-        Common::removeFile(keyPath);
-        return;
-    }
-    try {
-        FileWriter::write(keyPath, Secret(contentOf(earlierKey)).text(), keyFile());
-    } catch (...) {
-        Log::write(SeverityError, "Failed to put the earlier key of '" + id + "' for service '" + name() +
-                                      "' back: " + Failure::current().text());
-    }
 }
 
 void Server::stagePair(FileTransaction& change, const X509_T& certificate, const EVP_PKEY_T& key,
@@ -166,8 +165,8 @@ void Server::stageNetwork(FileTransaction& change, const std::string& path,
     } catch (const FileWriteError&) {
         Log::write(SeverityError,
                    "Failed to open network file: " + path + " for saving network information.");
-        Tools::changeMode(path, 0644);
-        Tools::changeGroup(path, configuration.getManagementGroup());
+        folders.setMode(path, 0644);
+        folders.setGroup(path, configuration.getManagementGroup());
     }
 }
 

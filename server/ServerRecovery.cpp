@@ -1,115 +1,160 @@
-// What a start does about an earlier run that was cut short: a crash, a power cut, a full disk.
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <memory>
+// What a start does about an earlier run that was cut short: a crash, a power cut, a full disk; and what is
+// done when the pair in force is none any more.
+#include <new>
+#include <set>
+#include <stdexcept>
 
 #include "server/Server.h"
+#include "server/ServerEvents.h"
+#include "server/StoreFiles.h"
 #include "stores/CertificateId.h"
+#include "stores/CertificateInfoStorage.h"
 #include "support/Debug.h"
-#include "support/Failure.h"
+#include "support/FileWriteError.h"
 #include "support/Log.h"
 #include "support/TemporaryFile.h"
-#include "support/Tools.h"
 #include "x509/Inspection.h"
 
 namespace keywarden {
 
 namespace {
 
-struct CloseFolder {
-    void operator()(DIR* folder) const { ::closedir(folder); }
-};
-
 constexpr std::size_t kIdLength = 10;
+constexpr const char* kKept = ".kept";
 
 bool endsLikeAFileOfACertificate(const std::string& name) {
     const std::string ending = name.substr(kIdLength);
     return ending.empty() || ending == ".key" || ending == ".network" || ending == ".overwrite";
 }
 
+std::string joined(const std::set<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words)
+        text += (text.empty() ? "" : ", ") + word;
+    return text;
+}
+
 }  // namespace
 
-void Server::recover() const {
+void Server::recover() {
     journal.recover();
-    removeTemporaries(accessor.tmpDirectoryPath());
+    removeTemporaries(*folders.folder(kTemporaryFolder));
 }
 
-bool Server::loadActiveCertificate() {
-    const std::string id = accessor.getActive();
-    const bool isWhole = isWholePair(id);
-    // Both say what they find: the record is made from the certificate, but stands elsewhere.
-    const bool isLoaded = loadCertificateInfo(id);
-    if (isWhole && isLoaded)
-        return true;
-    certificateInfo.reset();
-    return false;
-}
-
-// The active file keeps a revoked certificate's id, and files can be lost: the service starts all the same.
-bool Server::loadCertificateInfo(const std::string& id) {
-    try {
-        certificateInfo = std::make_shared<CertificateInfo>(accessor.certInfoPath(id));
-        return true;
-    } catch (...) {
-        Log::write(SeverityError,
-                   "The certificate '" + id + "' of service '" + name() +
-                       "' cannot be loaded, going on without it: " + Failure::current().text());
-        return false;
-    }
+X509_T Server::storedCertificate(const std::string& id) const {
+    return readCertificate(folders, accessor.certPath(id));
 }
 
 // A certificate that nobody can use, for want of its key, is none. One that was revoked has left neither.
-bool Server::isWholePair(const std::string& id) const {
-    std::string reason;
-    const bool hasCertificate = Tools::fileExist(accessor.certPath(id));
-    const bool hasKey = Tools::fileExist(accessor.certKeyPath(id));
-    if (!hasCertificate && !hasKey)
+bool Server::loadActiveCertificate() {
+    const std::string id = activeId();
+    certificateInfo.reset();
+    const bool hasCertificate = folders.exists(accessor.certPath(id));
+    const bool hasKey = folders.exists(accessor.certKeyPath(id));
+    if (!hasCertificate && !hasKey) {
+        Log::write(SeverityError, "The certificate '" + id + "' of service '" + name() +
+                                      "' cannot be loaded, going on without it: Its files are missing.");
         return false;
+    }
     try {
         if (!hasKey)
-            reason = "The key is missing.";
-        else if (!hasCertificate)
-            reason = "The certificate is missing.";
-        else if (!keyMatchesCertificate(EVP_PKEY_T(accessor.certKeyPath(id)), X509_T(accessor.certPath(id))))
-            reason = "The key does not belong to the certificate.";
-    } catch (...) {
-        reason = Failure::current().text();
-    }
-    if (!reason.empty())
-        Log::write(SeverityError, "The certificate '" + id + "' of service '" + name() +
-                                      "' and its key are no pair and count as no certificate: " + reason);
-    return reason.empty();
-}
-
-// Files of an installation that failed before its certificate came into force, or whose earlier certificate
-// was not removed any more: nobody is ever told of them, and a key must not lie about.
-void Server::removeUnfinished(const std::string& active) {
-    std::set<std::string> ids;
-    addForeignIds(accessor.certificateDirectoryPath(), active, ids);
-    addForeignIds(accessor.cachedDirectoryPath(), active, ids);
-    for (const std::string& id : ids) {
-        debugTrace("Remove what is left of the certificate " + id);
-        removeCertificate(id);
+            throw std::runtime_error("The key is missing.");
+        if (!hasCertificate)
+            throw std::runtime_error("The certificate is missing.");
+        const X509_T certificate = storedCertificate(id);
+        if (!keyMatchesCertificate(readKey(folders, accessor.certKeyPath(id)), certificate))
+            throw std::runtime_error("The key does not belong to the certificate.");
+        certificateInfo = std::make_shared<CertificateInfo>(CertificateInfoStorage(certificate));
+        return true;
+    } catch (const FileWriteError&) {
+        throw;
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception& error) {
+        Log::write(SeverityError,
+                   "The certificate '" + id + "' of service '" + name() +
+                       "' and its key are no pair and count as no certificate: " + error.what());
+        return false;
     }
 }
 
-void Server::addForeignIds(const std::string& folder, const std::string& active,
-                           std::set<std::string>& found) const {
-    const std::unique_ptr<DIR, CloseFolder> listing(::opendir(folder.c_str()));
-    if (!listing)
+// Whoever put them there, and why, is not known: they are left alone.
+void Server::warnOfUnnamedFiles() const {
+    std::set<std::string> files;
+    for (std::size_t place = 0; place < kDurableFolders; ++place)
+        addUnnamed(folders.pathOf(place), files);
+    if (files.empty())
         return;
-    while (const dirent* const entry = ::readdir(listing.get())) {
-        const std::string file = entry->d_name;
+    Log::write(SeverityWarning, "The store of the service '" + name() +
+                                    "' holds files of certificates that are not in force: " + joined(files) +
+                                    ". To put one in force, write its id into '" + accessor.activePath() +
+                                    "', without a line end, and reload the service; else remove them.");
+}
+
+void Server::addUnnamed(const std::string& folder, std::set<std::string>& found) const {
+    const std::string active = activeId();
+    const FolderSet::File at = folders.at(folder + "/any");
+    for (const std::string& file : at.folder->names()) {
         const std::string id = file.substr(0, kIdLength);
-        struct stat info {};
-        if (isCertificateId(id) && id.back() == '0' && id != active && endsLikeAFileOfACertificate(file) &&
-            ::fstatat(::dirfd(listing.get()), file.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
-            S_ISREG(info.st_mode) && info.st_uid == ::geteuid())
+        if (isCertificateId(id) && id != active && endsLikeAFileOfACertificate(file))
             found.insert(id);
     }
+}
+
+// A pair that the active file does not name, whole, under the very id that is about to be installed:
+// somebody's only copy of a key, perhaps.
+void Server::keepUnnamedPair(const std::string& id) const {
+    const std::string certificate = accessor.certPath(id);
+    const std::string key = accessor.certKeyPath(id);
+    if (!folders.exists(certificate) || !folders.exists(key))
+        return;
+    try {
+        if (!keyMatchesCertificate(readKey(folders, key), storedCertificate(id)))
+            return;
+        const FolderSet::File at = folders.at(certificate);
+        const bool isKept =
+            at.folder->link(id, id + kKept) && at.folder->link(id + ".key", id + kKept + std::string(".key"));
+        if (isKept)
+            Log::write(SeverityWarning, "A certificate and its key that were not in force, and whose id '" +
+                                            id + "' a new one gets, are kept as '" + certificate + kKept +
+                                            "' and '" + certificate + kKept + ".key'.");
+    } catch (const std::exception& error) {
+        debugTrace(error.what());
+    }
+}
+
+// A disk that failed between two files of a change may do better by now. Only a pair that does not match is
+// looked into: of one that was revoked there is none.
+void Server::healBeforeCheck() {
+    folders.noticeWhetherThere();
+    if (!isCertificatePresent())
+        return;
+    if (journal.isUnfinished() || journal.hasLeftOver()) {
+        recover();
+        static_cast<void>(loadActiveCertificate());
+    }
+    const std::string id = activeId();
+    const bool hasFiles = folders.exists(accessor.certPath(id)) && folders.exists(accessor.certKeyPath(id));
+    if (hasFiles && !loadActiveCertificate() && !journal.isUnfinished())
+        createCertificate();
+    tellAgain();
+}
+
+// Events that the owner was not told of because the daemon was stopped, killed or without power.
+void Server::tellAgain() {
+    const Journal::Events events = journal.toBeTold();
+    for (const Journal::Event& event : events) {
+        const bool isKnown = event.size() == 3 && event[0] == kNewEvent;
+        if (!isKnown || event[1] != activeId())
+            continue;
+        Log::write(SeverityNotice, "The owner of the service '" + name() +
+                                       "' is told again of the certificate '" + event[1] +
+                                       "', which an earlier run had installed.");
+        tell(event[1], event[2] == kNone ? std::string() : event[2]);
+        return;
+    }
+    if (!events.empty())
+        journal.told();
 }
 
 }  // namespace keywarden

@@ -3,6 +3,7 @@
 
 #include "server/FailureTexts.h"
 #include "server/Server.h"
+#include "server/ServerEvents.h"
 #include "server/StoreFiles.h"
 #include "support/Clock.h"
 #include "support/Debug.h"
@@ -71,7 +72,8 @@ void Server::createPendingRequest(
 }
 
 void Server::savePendingRequest(const EVP_PKEY_T& key, const X509_REQ_T& request,
-                                const NetworkInfo& network) const {
+                                const NetworkInfo& network) {
+    folders.noticeWhetherThere();
     FileTransaction change(journal);
     debugTrace(" -> Save the key...");
     stageKey(change, accessor.csrKeyPath(), key);
@@ -84,7 +86,7 @@ void Server::savePendingRequest(const EVP_PKEY_T& key, const X509_REQ_T& request
 
 std::string Server::getCsrInfo() const {
     return orThrow(kDescribingFailed, name(),
-                   [this] { return getCsrDataString(X509_REQ_T(accessor.csrPath())); });
+                   [this] { return getCsrDataString(readRequest(folders, accessor.csrPath())); });
 }
 
 void Server::applyCrt(const std::string& path) {
@@ -98,7 +100,7 @@ void Server::applyCrt(const std::string& path) {
     // The key's folder is less well guarded than the request's: what does not fit is not installed.
     if (!validateCsrAndCrt(request, certificate) || !keyMatchesCertificate(key, certificate))
         throw KeywardenDaemonException(kNotForTheRequest, "Error in validating csr and crt");
-    const NetworkInfo network(accessor.csrNetworkPath());
+    const NetworkInfo network = readNetwork(folders, accessor.csrNetworkPath());
     installCertificate(certificate, key, network);
     debugTrace("Apply certificate from External PKI... done.");
 }
@@ -118,11 +120,8 @@ X509_T Server::readCertificateToApply(const std::string& path) const {
 
 std::pair<X509_REQ_T, EVP_PKEY_T> Server::readPendingRequest() {
     try {
-        X509_REQ_T request(accessor.csrPath());
-        // The volatile folder stands below one that the service's own group may write.
-        refuseSpecialFile(accessor.csrKeyPath());
-        refuseSpecialFile(accessor.csrNetworkPath());
-        EVP_PKEY_T key(accessor.csrKeyPath());
+        X509_REQ_T request = readRequest(folders, accessor.csrPath());
+        EVP_PKEY_T key = readKey(folders, accessor.csrKeyPath());
         return {std::move(request), std::move(key)};
     } catch (...) {
         const std::string message = describeFailure(kRequestFailed, name());

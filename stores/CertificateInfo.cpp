@@ -3,36 +3,61 @@
 #include <cxxtools/jsondeserializer.h>
 #include <cxxtools/serializationinfo.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
 
+#include "stores/CertificateId.h"
+#include "stores/CertificateInfoStorage.h"
 #include "stores/IndexFile.h"
 #include "stores/RecordFormat.h"
-#include "stores/RegularFile.h"
 #include "support/Failure.h"
+#include "support/RegularFile.h"
 #include "support/Tools.h"
 
 namespace keywarden {
 
 namespace {
 
-constexpr std::size_t kLargestRecord = std::size_t{8} * 1024 * 1024;
-constexpr std::ptrdiff_t kMostBrackets = 1000;
+// A byte of a certificate's name becomes at most two of UTF-8, each written in six characters.
+constexpr std::size_t kLargestRecord = 12 * kLargestCertificateFile;
+// A record has two levels; a later version may have more.
+constexpr std::size_t kDeepestLevel = 100;
 
 class BadFormat : public std::runtime_error {
   public:
     BadFormat() : std::runtime_error("Error: Bad format for Certificate info file!") {}
 };
 
-// The JSON reader descends once a bracket: a file of nothing but brackets would exhaust the stack. A record
-// has three; the others stand in names.
-void refuseManyBrackets(const std::string& json) {
-    const auto opens = [](char character) { return character == '{' || character == '['; };
-    if (std::count_if(json.begin(), json.end(), opens) > kMostBrackets)
-        throw std::runtime_error("It is not a certificate record");
+/// Where the text that begins with the quotation mark at `start` ends; at the end of the file without a mark.
+std::size_t endOfText(const std::string& json, std::size_t start) {
+    std::size_t at = start + 1;
+    while (at < json.size() && json[at] != '"')
+        at += json[at] == '\\' ? 2 : 1;
+    return at;
+}
+
+bool closes(char character, const std::string& open) {
+    return !open.empty() && character == (open.back() == '{' ? '}' : ']');
+}
+
+// The JSON reader descends once a level, so a file of nothing but brackets would exhaust the stack. Brackets
+// in names are no levels. The reader also knows comments, in which a quotation mark begins no text: no record
+// has one.
+void refuseDeepLevels(const std::string& json) {
+    std::string open;
+    for (std::size_t at = 0; at < json.size(); ++at) {
+        const char character = json[at];
+        if (character == '"')
+            at = endOfText(json, at);
+        else if (character == '{' || character == '[')
+            open += character;
+        else if (closes(character, open))
+            open.pop_back();
+        if (open.size() > kDeepestLevel || character == '/')
+            throw std::runtime_error("It is not a certificate record");
+    }
 }
 
 std::string joined(const std::vector<std::string>& values) {
@@ -54,13 +79,23 @@ CertificateInfo::CertificateInfo(const std::string& path) {
     read(path);
 }
 
+CertificateInfo::CertificateInfo(const CertificateInfoStorage& made)
+    : issuerName(made.issuerName),
+      subjectName(made.subjectName),
+      isCA(made.isCA),
+      isSelfSigned(made.isSelfSigned),
+      validFrom(made.validFrom),
+      validUntil(made.validUntil),
+      validIPs(made.validIPs),
+      validHostnames(made.validHostnames) {}
+
 void CertificateInfo::read(const std::string& path) {
     const std::string subject = "Error: Impossible to open " + path + " for reading!";
     if (!Tools::fileExist(path))
         throw std::runtime_error(subject + " Because the file does not exist.");
     try {
         const std::string json = readRegularFile(path, kLargestRecord);
-        refuseManyBrackets(json);
+        refuseDeepLevels(json);
         std::istringstream in(json);
         const cxxtools::JsonDeserializer deserializer(in);
         CertificateInfo fresh(*this);

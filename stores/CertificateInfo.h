@@ -12,11 +12,15 @@ class SerializationInfo;
 
 namespace keywarden {
 
+class CertificateInfoStorage;
+
 /// The JSON record kept beside a stored certificate, read back.
 class CertificateInfo {
   public:
     /// Throws what read() throws.
     explicit CertificateInfo(const std::string& path);
+    /// The same record without its file.
+    explicit CertificateInfo(const CertificateInfoStorage& made);
 
     /// Throws std::runtime_error when the file is missing, unreadable or not such a record; the fields then
     /// keep their values.

@@ -1,5 +1,6 @@
 #include "stores/ExternalCertificatesStorage.h"
 
+#include <new>
 #include <sstream>
 #include <stdexcept>
 
@@ -8,14 +9,12 @@
 #include "stores/CertificateInfo.h"
 #include "stores/CertificateInfoStorage.h"
 #include "stores/IndexFile.h"
-#include "stores/RegularFile.h"
-#include "support/Common.h"
 #include "support/Debug.h"
 #include "support/Failure.h"
 #include "support/FileWriteError.h"
 #include "support/KeywardenDaemonException.h"
 #include "support/Log.h"
-#include "support/TemporaryFile.h"
+#include "support/RegularFile.h"
 #include "support/Tools.h"
 #include "x509/Inspection.h"
 #include "x509/Secret.h"
@@ -23,6 +22,13 @@
 namespace keywarden {
 
 namespace {
+
+// The places of the store's folders in their set: certificates, their hidden data, what is made again at
+// every start.
+constexpr std::size_t kDurableFolders = 2;
+constexpr std::size_t kTemporaryFolder = 2;
+constexpr const char* kNewEvent = "new";
+constexpr const char* kRevokeEvent = "revoke";
 
 constexpr int kSourceMissing = 1;
 constexpr int kNotValid = 9;
@@ -51,9 +57,9 @@ ExternalCertificatesStorage::ExternalCertificatesStorage(const ServiceConfigurat
     : storeName_(storeName),
       configuration_(configuration),
       accessor_(configuration, storeName),
-      journal_({accessor_.certificateDirectoryPath(), accessor_.cachedDirectoryPath()}) {
-    journal_.recover();
-    removeTemporaries(accessor_.tmpDirectoryPath());
+      folders_({accessor_.certificateDirectoryPath(), accessor_.cachedDirectoryPath(),
+                accessor_.tmpDirectoryPath()}),
+      journal_(folders_, kDurableFolders) {
     // Must not ask for a policy: the subclass does not exist yet.
     updateFileSystem();
 }
@@ -61,10 +67,11 @@ ExternalCertificatesStorage::ExternalCertificatesStorage(const ServiceConfigurat
 std::string ExternalCertificatesStorage::add(const std::string& sourcePath) {
     const std::string task = "Add certificate" + place();
     debugTrace(task);
+    settle();
     refuseWhenFull();
     const Secret source = readSource(sourcePath);
     debugTrace(" -> Load the certificate...");
-    const X509_T certificate = loadSource(source.text());
+    const X509_T certificate = loadSource(source.text(), sourcePath);
     debugTrace(" -> Check the certificate...");
     if (!isValidCertificate(certificate))
         throw KeywardenDaemonException(kNotValid, "No valid certificate found.");
@@ -77,26 +84,103 @@ std::string ExternalCertificatesStorage::add(const std::string& sourcePath) {
 
 void ExternalCertificatesStorage::saveFiles(const std::string& id, const X509_T& certificate,
                                             std::string_view content) {
-    FileTransaction change(journal_);
-    debugTrace(" -> Copy the certificate...");
-    change.stage(accessor_.certPath(id), content, attributes());
     try {
-        stageDescription(change, certificate, id);
-        debugTrace(" -> Update list and map...");
-        idCnMap_.set(id, subjectCommonName(certificate));
-        stageIndexes(change, idCnMap_);
-    } catch (...) {
-        // No roll-back: what was staged before the failing step goes into the store.
-        change.commitAtAnyRate();
-        throw;
-    }
-    try {
+        FileTransaction change(journal_);
+        debugTrace(" -> Copy the certificate...");
+        change.stage(accessor_.certPath(id), content, attributes());
+        try {
+            stageFiles(change, id, certificate);
+        } catch (...) {
+            // No roll-back: what was staged before the failing step goes into the store.
+            change.commitAtAnyRate();
+            throw;
+        }
+        change.tell({kNewEvent, id});
         change.commit();
     } catch (...) {
-        if (!isStoredAs(id, certificate))
-            idCnMap_.remove(id);
+        // Read anew, whatever lies there now.
+        idCnMap_.remove(id);
+        learnAgain();
+        if (isStoredAs(id, certificate)) {
+            Log::write(SeverityError,
+                       "The certificate '" + id + "' could not be added as a whole" + place() +
+                           ", but it is stored there and counts. Revoke it if it is not wanted.");
+            // Whoever trusts what lies there has to know.
+            rememberToTell({kNewEvent, id});
+        }
         throw;
     }
+    idCnMap_.set(id, subjectCommonName(certificate));
+}
+
+void ExternalCertificatesStorage::stageFiles(FileTransaction& change, const std::string& id,
+                                             const X509_T& certificate) const {
+    stageDescription(change, certificate, id);
+    debugTrace(" -> Update list and map...");
+    CertificateIdCnMap map = idCnMap_;
+    map.set(id, subjectCommonName(certificate));
+    stageIndexes(change, map);
+}
+
+// Before a command: what an earlier one left unfinished is brought to its end, and the store learns what it
+// holds.
+void ExternalCertificatesStorage::settle() {
+    folders_.noticeWhetherThere();
+    if (journal_.isUnfinished())
+        isKnown_ = false;
+    if (!isKnown_)
+        learnAgain();
+}
+
+// After a failure: the folder decides, not what was meant to be done to it. What it holds is counted and
+// revocable from here on, also where the lists cannot be written now.
+void ExternalCertificatesStorage::learnAgain() {
+    try {
+        if (!hasLearnt_) {
+            rebuild();
+            return;
+        }
+        isKnown_ = false;
+        if (journal_.isUnfinished())
+            journal_.recover();
+        learnChanges();
+        writeIndexes();
+        isKnown_ = isAllRead_ && !journal_.isUnfinished();
+    } catch (...) {
+        Log::write(SeverityError, "The lists of what is stored" + place() +
+                                      " could not be written again: " + Failure::current().text());
+    }
+}
+
+// What counts the owner has to know, however it came about.
+void ExternalCertificatesStorage::rememberToTell(const Journal::Event& event) {
+    try {
+        FileTransaction change(journal_);
+        change.tell(event);
+        change.commitAtAnyRate();
+    } catch (const std::runtime_error& error) {
+        Log::write(SeverityError, "An event that is to be told" + place() + " is lost: " + error.what());
+    }
+}
+
+std::vector<std::vector<std::string>> ExternalCertificatesStorage::toBeTold() const {
+    Journal::Events events;
+    for (const Journal::Event& event : journal_.toBeTold()) {
+        Journal::Event current{event.front()};
+        // A certificate that has gone or come back since is no such news any more.
+        const bool isNew = event.front() == kNewEvent;
+        for (std::size_t word = 1; word < event.size(); ++word)
+            if (idCnMap_.certificateIdExist(event[word]) == isNew)
+                current.push_back(event[word]);
+        if (current.size() > 1)
+            events.push_back(std::move(current));
+    }
+    return events;
+}
+
+void ExternalCertificatesStorage::told() {
+    if (!journal_.toBeTold().empty())
+        journal_.told();
 }
 
 void ExternalCertificatesStorage::stageDescription(FileTransaction& change, const X509_T& certificate,
@@ -136,15 +220,17 @@ void ExternalCertificatesStorage::refuseWhenFull() const {
                                        "Too many certificates found while adding certificate" + place());
 }
 
-X509_T ExternalCertificatesStorage::loadSource(const std::string& content) const {
+X509_T ExternalCertificatesStorage::loadSource(const std::string& content, const std::string& path) const {
+    X509_T certificate;
+    try {
+        certificate = X509_T::fromPem(content);
+    } catch (...) {
+        throw KeywardenDaemonException(kNotValid, "Failed to read certificate from file: " + path);
+    }
     // The copy will be readable by everybody.
     if (content.find("PRIVATE KEY-----") != std::string::npos)
         throw KeywardenDaemonException(kNotValid, "The certificate file holds a private key.");
-    try {
-        return X509_T::fromPem(content);
-    } catch (...) {
-        throw KeywardenDaemonException(kNotValid, "No valid certificate found.");
-    }
+    return certificate;
 }
 
 std::string ExternalCertificatesStorage::newIdOf(const X509_T& certificate) const {
@@ -181,6 +267,8 @@ void ExternalCertificatesStorage::refuseWhenStoredAs(const std::string& id, cons
 bool ExternalCertificatesStorage::isStoredAs(const std::string& id, const X509_T& certificate) const {
     try {
         return sameEncoding(storedCertificate(id), certificate);
+    } catch (const std::bad_alloc&) {
+        throw;
     } catch (...) {
         // Gone or damaged behind our back: nothing that another could be the same as.
         debugTrace(Failure::current().text());
@@ -189,8 +277,11 @@ bool ExternalCertificatesStorage::isStoredAs(const std::string& id, const X509_T
 }
 
 bool ExternalCertificatesStorage::revoke(const std::string& id) {
+    settle();
     FileTransaction change(journal_);
     CertificateIdList revoked;
+    if (idCnMap_.certificateIdExist(id))
+        change.tell({kRevokeEvent, id});
     addRemoval(change, id, idCnMap_.certificateIdExist(id), revoked);
     // On a full disk, too, a certificate can be revoked.
     change.commitAtAnyRate();
@@ -209,7 +300,7 @@ void ExternalCertificatesStorage::addRemoval(FileTransaction& change, const std:
     for (const std::string& path : filesOf(id))
         change.remove(path);
     change.call([this, task, id, &revoked] {
-        if (Tools::fileExist(accessor_.certPath(id)))
+        if (!isGone(id))
             return;
         idCnMap_.remove(id);
         revoked.add(id);
@@ -217,7 +308,21 @@ void ExternalCertificatesStorage::addRemoval(FileTransaction& change, const std:
     });
 }
 
+// What cannot be told at the first attempt is asked once more; what is not known to be gone stays in the
+// lists.
+bool ExternalCertificatesStorage::isGone(const std::string& id) const {
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        try {
+            return !folders_.exists(accessor_.certPath(id));
+        } catch (const FileWriteError& error) {
+            debugTrace(error.what());
+        }
+    }
+    return false;
+}
+
 CertificateIdList ExternalCertificatesStorage::revoke(const std::vector<std::string>& ids) {
+    settle();
     CertificateIdList revoked;
     if (revokeTogether(ids, revoked))
         return revoked;
@@ -235,14 +340,21 @@ bool ExternalCertificatesStorage::revokeTogether(const std::vector<std::string>&
     try {
         FileTransaction change(journal_);
         CertificateIdCnMap remaining = idCnMap_;
+        Journal::Event event{kRevokeEvent};
         for (const std::string& id : ids) {
-            addRemoval(change, id, remaining.certificateIdExist(id), revoked);
+            const bool isThere = remaining.certificateIdExist(id);
+            addRemoval(change, id, isThere, revoked);
             remaining.remove(id);
+            if (isThere)
+                event.push_back(id);
         }
+        if (event.size() > 1)
+            change.tell(event);
         stageIndexes(change, remaining);
         change.commit();
         return remaining.size() == idCnMap_.size();
     } catch (const std::runtime_error& error) {
+        isKnown_ = false;
         Log::write(SeverityError,
                    "Revoking certificates" + place() + " one by one, not all at once: " + error.what());
         return false;
@@ -255,7 +367,7 @@ std::string ExternalCertificatesStorage::getCertInfo(const std::string& id) cons
         throw KeywardenDaemonException("Certificate '" + id + "' doesn't exist" + place());
     try {
         std::ostringstream text;
-        text << CertificateInfo(accessor_.certInfoPath(id));
+        text << CertificateInfo(CertificateInfoStorage(storedCertificate(id)));
         return text.str();
     } catch (...) {
         const std::string subject = "exception caught while getting certificate data" + place();
@@ -268,7 +380,9 @@ void ExternalCertificatesStorage::writeDetails(const X509_T& certificate, const 
     const std::string path = accessor_.certDetailsPath(id);
     const std::string details = printedText(certificate);
     try {
-        FileWriter::write(path, details, derivedAttributes());
+        FileWriter writer(folders_);
+        writer.stage(path, details, derivedAttributes());
+        writer.commit();
     } catch (const FileWriteError&) {
         throw unwritableDetails(path, service());
     }
@@ -276,7 +390,7 @@ void ExternalCertificatesStorage::writeDetails(const X509_T& certificate, const 
 
 void ExternalCertificatesStorage::removeCertificateFiles(const std::string& id) const {
     for (const std::string& path : filesOf(id))
-        Common::removeFile(path);
+        folders_.remove(path);
 }
 
 std::vector<std::string> ExternalCertificatesStorage::filesOf(const std::string& id) const {
@@ -285,10 +399,10 @@ std::vector<std::string> ExternalCertificatesStorage::filesOf(const std::string&
 }
 
 X509_T ExternalCertificatesStorage::storedCertificate(const std::string& id) const {
-    return X509_T::fromPem(readRegularFile(accessor_.certPath(id), kLargestCertificateFile));
+    return X509_T::fromPem(folders_.read(accessor_.certPath(id), kLargestCertificateFile));
 }
 
-void ExternalCertificatesStorage::writeIndexes() const {
+void ExternalCertificatesStorage::writeIndexes() {
     FileTransaction change(journal_);
     stageIndexes(change, idCnMap_);
     change.commit();

@@ -9,6 +9,7 @@
 #include "stores/CertificateIdList.h"
 #include "support/FileTransaction.h"
 #include "support/FileWriter.h"
+#include "support/FolderSet.h"
 #include "support/Journal.h"
 #include "x509/X509_T.h"
 
@@ -36,13 +37,14 @@ class ExternalCertificatesStorage {
 
     /// Copies a file whose first PEM certificate fits the store, byte for byte, and returns the certificate's
     /// id. The file is read once, must be a regular one of at most 1 MiB and must hold no private key: what
-    /// is stored is readable by everybody.
+    /// is stored is readable by everybody. The owner is to be told; told() strikes that out.
     ///
     /// Throws KeywardenDaemonException: code 1 when the file is missing or cannot be read, 9 when it holds no
     /// certificate for this store, 42 when the store or the row of ids with one hash is full, 43 when the
     /// certificate is there already. Throws std::runtime_error when a file of the store cannot be written;
-    /// what was written before it stays. A power cut at any moment leaves the store with the certificate or
-    /// without it, or with the one that it replaces.
+    /// what was written before it stays, and is then listed, counted and can be revoked: after every failure
+    /// the store knows what its folder holds. A power cut at any moment leaves the store with the certificate
+    /// or without it, or with the one that it replaces.
     std::string add(const std::string& sourcePath);
 
     /// Removes one certificate; the list and map files are not rewritten. Returns whether it was there and is
@@ -60,6 +62,13 @@ class ExternalCertificatesStorage {
     /// part of the store: an addition that gets its id takes its place.
     void updateFileSystem();
 
+    /// What the owner has not been told of yet, oldest first: of this run, or of an earlier one that was cut
+    /// off.
+    /// {"new", id} or {"revoke", id, ...}.
+    [[nodiscard]] std::vector<std::vector<std::string>> toBeTold() const;
+    /// The owner has been told of all of it.
+    void told();
+
     /// The record of one stored certificate as text. Throws KeywardenDaemonException.
     std::string getCertInfo(const std::string& id) const;
 
@@ -76,28 +85,38 @@ class ExternalCertificatesStorage {
   private:
     // add(), step by step.
     void refuseWhenFull() const;
-    [[nodiscard]] X509_T loadSource(const std::string& content) const;
+    [[nodiscard]] X509_T loadSource(const std::string& content, const std::string& path) const;
     [[nodiscard]] std::string newIdOf(const X509_T& certificate) const;
     [[nodiscard]] std::string onlyIdOf(const std::string& hash, const X509_T& certificate) const;
     [[nodiscard]] std::string nextIdOf(const std::string& hash, const X509_T& certificate) const;
     void refuseWhenStoredAs(const std::string& id, const X509_T& certificate) const;
     [[nodiscard]] bool isStoredAs(const std::string& id, const X509_T& certificate) const;
     void saveFiles(const std::string& id, const X509_T& certificate, std::string_view content);
+    void stageFiles(FileTransaction& change, const std::string& id, const X509_T& certificate) const;
+    void settle();
+    void learnAgain();
+    void rememberToTell(const Journal::Event& event);
     void stageDescription(FileTransaction& change, const X509_T& certificate, const std::string& id) const;
     void stageIndexes(FileTransaction& change, const CertificateIdCnMap& map) const;
 
     // revoke()
+    [[nodiscard]] bool isGone(const std::string& id) const;
     bool revokeTogether(const std::vector<std::string>& ids, CertificateIdList& revoked);
     void addRemoval(FileTransaction& change, const std::string& id, bool isThere, CertificateIdList& revoked);
 
     // updateFileSystem(), step by step.
-    void prepareFolders() const;
+    void prepareFolders();
+    void learnFolder();
+    void learnChanges();
+    void rebuild();
+    void tryToRebuild();
     [[nodiscard]] std::vector<std::string> idsOfFiles() const;
     void restore(const std::string& id);
+    void writeInfo(const X509_T& certificate, const std::string& id) const;
     [[nodiscard]] X509_T checkedCertificate(const std::string& id) const;
 
     [[nodiscard]] X509_T storedCertificate(const std::string& id) const;
-    void writeIndexes() const;
+    void writeIndexes();
     [[nodiscard]] FileAttributes attributes() const;
     /// Of what is made again at every start.
     [[nodiscard]] FileAttributes derivedAttributes() const;
@@ -109,8 +128,12 @@ class ExternalCertificatesStorage {
     std::string storeName_;
     const ServiceConfiguration& configuration_;
     ExternalCertificatesAccessor accessor_;
+    FolderSet folders_;
     Journal journal_;
     CertificateIdCnMap idCnMap_;
+    bool isKnown_ = true;     ///< the map says what the folder holds
+    bool hasLearnt_ = false;  ///< the folder has been read once
+    bool isAllRead_ = true;   ///< no file was left out only because it could not be read then
 };
 
 }  // namespace keywarden

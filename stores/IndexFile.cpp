@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <stdexcept>
 
-#include "stores/RegularFile.h"
 #include "support/FileWriteError.h"
+#include "support/RegularFile.h"
 #include "support/Tools.h"
 
 namespace keywarden {
@@ -48,7 +48,11 @@ std::string readIndexFile(const std::string& path) {
 }
 
 std::string onOneLine(std::string text) {
-    std::replace(text.begin(), text.end(), '\n', ' ');
+    const auto isControl = [](char character) {
+        const auto code = static_cast<unsigned char>(character);
+        return code < 0x20 || code == 0x7f;
+    };
+    std::replace_if(text.begin(), text.end(), isControl, ' ');
     return text;
 }
 

@@ -18,7 +18,8 @@ void writeIndexFile(const std::string& path, const std::string& lines, bool trun
 
 [[nodiscard]] std::string readIndexFile(const std::string& path);
 
-/// The text with every line feed turned into a blank: it stays on its line.
+/// The text with every control character turned into a blank: it stays on its line, also for readers who end
+/// lines elsewhere.
 [[nodiscard]] std::string onOneLine(std::string text);
 
 }  // namespace keywarden

@@ -494,6 +494,13 @@ TEST_F(ServiceConfigurationFile, FifoInTheFilesPlaceFailsAtOnce) {
     EXPECT_EQ(read("odd"), kNoFile);
 }
 
+TEST_F(ServiceConfigurationFile, FileBeyondOneMebibyteFails) {
+    TestDevice::get().writeService("odd", kMinimal + std::string(1024 * 1024 - kMinimal.size(), '#'));
+    EXPECT_EQ(read("odd"), "(none)");
+    TestDevice::get().writeService("odd", kMinimal + std::string(1024 * 1024, '#'));
+    EXPECT_EQ(read("odd"), kNoFile);
+}
+
 TEST_F(ServiceConfigurationFile, FileThatCannotBeReadFails) {
     // Opens as a regular file, and reading its start is an input/output error.
     ASSERT_EQ(::symlink("/proc/self/mem", path.c_str()), 0);

@@ -481,18 +481,4 @@ TEST_F(ServerExpiry, TimeBeforeATimestampIsItsDistanceFromNow) {
     EXPECT_EQ(253402300799 - kNow, server().getTimeBeforeTimestamp(253402300799));
 }
 
-TEST_F(ServerExpiry, AbsurdTimeInTheRecordIsReportedAsTheLargestNumber) {
-    start();
-    const MadePair pair = installPeriod(Signed::ByPki, -kDay, kDay);
-    std::string record = readFile(store().certInfoPath(pair.id));
-    const std::string end = std::to_string(kNow + kDay);
-    record.replace(record.find(end), end.size(), "9223372036854775807");
-    std::filesystem::copy_file(scratch("record", record), store().certInfoPath(pair.id),
-                               std::filesystem::copy_options::overwrite_existing);
-    // In a folder of someone else's housekeeping does not write the record anew.
-    const TakenFolder taken(store().tmpDirectoryPath());
-    restart();
-    EXPECT_EQ(std::vector<std::string>{"validity -1 2147483647"}, callbacks->events);
-}
-
 }  // namespace servertest

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "callbacks/Delivery.h"
 #include "callbacks/ServiceCallbacks.h"
 #include "config/InternalCertificatesAccessor.h"
 #include "config/ServiceConfiguration.h"
@@ -35,7 +36,7 @@ constexpr const char* kManagementGroup = "daemon";
 constexpr const char* kKeyGroup = "adm";
 
 /// Writes down what the owner is told. `onNew` looks at the store at that moment, or throws.
-class RecordingCallbacks : public keywarden::ServiceCallbacks {
+class RecordingCallbacks : public keywarden::ServiceCallbacks, public keywarden::Delivery {
   public:
     void started() override { events.emplace_back("started"); }
     void stopped() override { events.emplace_back("stopped"); }
@@ -46,8 +47,11 @@ class RecordingCallbacks : public keywarden::ServiceCallbacks {
     void revokedExternalCertificate(const std::string& store, const std::string& id) override;
     void revokedExternalCertificate(const std::string& store, const std::vector<std::string>& ids) override;
 
+    [[nodiscard]] bool lastEventWasDelivered() const override { return delivers; }
+
     std::vector<std::string> events;
     std::function<void(const std::string& id)> onNew;
+    bool delivers = true;  ///< false: as if a stop had cut the script off
 };
 
 /// Standard error while the debug flag is set: traces and log lines in their order.

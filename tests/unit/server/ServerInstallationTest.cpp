@@ -2,6 +2,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
 #include "ServerFixture.h"
 #include "support/FileWriteError.h"
 
@@ -195,17 +199,65 @@ TEST_F(ServerInstallation, WithoutAKeyChangesNothing) {
     expectNoTemporaries();
 }
 
-TEST_F(ServerInstallation, IntoAFolderOfSomeoneElseChangesNothing) {
+TEST_F(ServerInstallation, FolderOfSomeoneElseIsRefusedAtTheStartAndChangesNothing) {
     start();
     const MadePair first = install("one.example");
-    const MadePair second = makePair("two.example");
     {
         const TakenFolder taken(store().certificateDirectoryPath());
-        EXPECT_NE("no exception", failureOf<FileWriteError>([&] { installPair(second); }));
+        EXPECT_NE("no exception", failureOf<std::runtime_error>([this] { restart(); }));
     }
     EXPECT_EQ(first.id, active());
     EXPECT_EQ("cert key info network details ", filesOf(store(), first.id));
-    EXPECT_EQ("", filesOf(store(), second.id));
+    expectNoTemporaries();
+}
+
+TEST_F(ServerInstallation, GoesIntoTheFolderThatWasMadeThoughItWasMovedAway) {
+    start();
+    const std::string folder = store().tmpDirectoryPath();
+    std::filesystem::rename(folder, folder + ".gone");
+    std::filesystem::create_directory_symlink(sandbox().path(), folder);
+    const MadePair pair = install("one.example");
+    EXPECT_TRUE(exists(folder + ".gone/" + pair.id + ".info"));
+    EXPECT_FALSE(exists(sandbox().path(pair.id + ".info")));
+    const std::string gone =
+        "The folder '" + folder +
+        "' is not where the daemon made it any more. What it writes there cannot be found until "
+        "the service is reloaded.";
+    EXPECT_EQ(1U, CapturedLog::count(keywarden::SeverityWarning, gone));
+    install("two.example");
+    EXPECT_EQ(1U, CapturedLog::count(keywarden::SeverityWarning, gone)) << "said once";
+    restart();
+    EXPECT_TRUE(exists(folder + "/" + active() + ".info"));
+    EXPECT_FALSE(std::filesystem::is_symlink(folder));
+    EXPECT_EQ("0711 daemon", rightsOf(folder));
+}
+
+// Who has a processor for nothing else can remove the folder each time before there is a file in it. The
+// installation then fails as a whole, and the next one is as good as ever.
+TEST_F(ServerInstallation, FolderThatOthersRemoveAllTheTimeCostsNoPair) {
+    start();
+    MadePair inForce = install("one.example");
+    const std::string folder = store().tmpDirectoryPath();
+    std::atomic<bool> goesOn{true};
+    std::thread removing([&] {
+        while (goesOn)
+            ::rmdir(folder.c_str());
+    });
+    for (int i = 0; i < 10; ++i) {
+        std::filesystem::remove_all(folder);
+        const std::string failure = failureOf<std::runtime_error>([&] { inForce = install("two.example"); });
+        if (failure != "no exception") {
+            EXPECT_EQ(failure.rfind("Error: Impossible to open " + folder, 0), 0U) << failure;
+        }
+        EXPECT_EQ(inForce.id, active()) << i;
+        EXPECT_TRUE(exists(store().certPath(inForce.id))) << i;
+        EXPECT_TRUE(exists(store().certKeyPath(inForce.id))) << i;
+    }
+    goesOn = false;
+    removing.join();
+    EXPECT_EQ("no exception", failureOf<std::runtime_error>([&] { inForce = install("three.example"); }));
+    EXPECT_EQ(inForce.id, active());
+    EXPECT_EQ("0711 daemon", rightsOf(folder));
     expectNoTemporaries();
 }
 
@@ -256,14 +308,12 @@ TEST_F(ServerInstallation, InfoThatCannotBeWrittenLeavesThePairDoneAndTheActiveP
     const MadePair first = install("one.example");
     const MadePair second = makePair("two.example");
     callbacks->events.clear();
-    {
-        const TakenFolder taken(store().tmpDirectoryPath());
-        EXPECT_EQ("Error: Impossible to open " + store().certInfoPath(second.id) +
-                      "for writting with error Operation not permitted",
-                  failureOf<std::runtime_error>([&] { installPair(second); }));
-    }
+    ASSERT_EQ(0, ::mkdir(store().certInfoPath(second.id).c_str(), 0700));
+    EXPECT_EQ("Error: Impossible to open " + store().certInfoPath(second.id) +
+                  "for writting with error Is a directory",
+              failureOf<std::runtime_error>([&] { installPair(second); }));
     EXPECT_EQ(first.id, active());
-    EXPECT_EQ("cert key ", filesOf(store(), second.id));
+    EXPECT_EQ("cert key info ", filesOf(store(), second.id));  // "info" is the folder
     EXPECT_EQ(fingerprint(second.keyPem + "\n"), fingerprint(readFile(store().certKeyPath(second.id))));
     EXPECT_EQ("cert key info network details ", filesOf(store(), first.id));
     EXPECT_TRUE(callbacks->events.empty());
@@ -310,16 +360,14 @@ TEST_F(ServerInstallation, NetworkThatCannotBeWrittenIsLoggedAndFailsForTheMissi
     const MadePair first = install("one.example");
     const MadePair second = makePair("two.example");
     const std::string path = store().certNetworkPath(second.id);
-    {
-        const TakenFolder taken(store().cachedDirectoryPath());
-        EXPECT_EQ("Impossible to change mode for " + path,
-                  failureOf<std::runtime_error>([&] { installPair(second); }));
-    }
+    ASSERT_EQ(0, ::mkdir(path.c_str(), 0700));
+    EXPECT_EQ("Impossible to change mode for " + path,
+              failureOf<std::runtime_error>([&] { installPair(second); }));
     EXPECT_TRUE(CapturedLog::contains(
         SeverityError, "Failed to open network file: " + path + " for saving network information."))
         << CapturedLog::dump();
     EXPECT_EQ(first.id, active());
-    EXPECT_EQ("cert key info details ", filesOf(store(), second.id));
+    EXPECT_EQ("cert key info network details ", filesOf(store(), second.id));  // "network" is the folder
     expectNoTemporaries();
 }
 

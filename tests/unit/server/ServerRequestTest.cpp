@@ -174,13 +174,12 @@ TEST_F(ServerRequest, FailureLeavesNoRequestAtAll) {
 
 TEST_F(ServerRequest, FailureDiscardsTheEarlierRequest) {
     start().createCsr();
-    {
-        const TakenFolder taken(store().tmpDirectoryPath());
-        EXPECT_EQ("Std exception caught while creating CSR for service '" + id +
-                      "' The folder does not belong to the daemon user, refusing to write '" +
-                      store().csrKeyPath() + "': Operation not permitted",
-                  failureOf<KeywardenDaemonException>([this] { server().createCsr(); }));
-    }
+    const OnTrace meanwhile(" -> Save the key...",
+                            [this] { ASSERT_EQ(0, ::mkdir(store().csrKeyPath().c_str(), 0700)); });
+    EXPECT_EQ("Std exception caught while creating CSR for service '" + id + "' Impossible to write '" +
+                  store().csrKeyPath() + "': a folder stands in its place",
+              failureOf<KeywardenDaemonException>([this] { server().createCsr(); }));
+    ASSERT_EQ(0, ::rmdir(store().csrKeyPath().c_str()));
     EXPECT_EQ("", pendingFiles());
 }
 
@@ -341,8 +340,7 @@ TEST_F(ServerRequest, ApplyWithAFifoInTheKeysPlaceFailsAtOnceWithCode21) {
     ASSERT_EQ(0, ::unlink(store().csrKeyPath().c_str()));
     ASSERT_EQ(0, ::mkfifo(store().csrKeyPath().c_str(), 0600));
     expectFailureLeavesTheActiveCertificate(
-        {21, "Not able to create the CSR for service '" + id + "' The file '" + store().csrKeyPath() +
-                 "' is not a regular file."},
+        {21, "Not able to create the CSR for service '" + id + "' Extract of private key from file failed."},
         path);
     EXPECT_EQ("", pendingFiles());
 }

@@ -168,10 +168,9 @@ TEST_F(ServerStore, StartAfterARevocationWithoutGenerationGoesOnWithoutACertific
     const MadePair pair = installed();
     server().revokeCrt();
     restart();
-    EXPECT_TRUE(CapturedLog::contains(
-        SeverityError, "The certificate '" + pair.id + "' of service '" + id +
-                           "' cannot be loaded, going on without it: Error: Impossible to open " +
-                           store().certInfoPath(pair.id) + " for reading! Because the file does not exist."))
+    EXPECT_TRUE(CapturedLog::contains(SeverityError,
+                                      "The certificate '" + pair.id + "' of service '" + id +
+                                          "' cannot be loaded, going on without it: Its files are missing."))
         << CapturedLog::dump();
     EXPECT_TRUE(CapturedLog::contains(SeverityInfo, "Server certificate not found for service: " + id));
     EXPECT_TRUE(CapturedLog::contains(
@@ -201,7 +200,13 @@ TEST_F(ServerStore, StartWithACorruptCertificateGoesOnWithoutIt) {
     // The volatile tree does not survive a restart of the daemon.
     ASSERT_EQ(0, ::unlink(store().certInfoPath(pair.id).c_str()));
     restart();
-    EXPECT_TRUE(CapturedLog::containsPart("cannot be loaded, going on without it: ")) << CapturedLog::dump();
+    EXPECT_TRUE(CapturedLog::contains(
+        SeverityError,
+        "The certificate '" + pair.id + "' of service '" + id +
+            "' and its key are no pair and count as no certificate: Failed to read certificate from "
+            "file: " +
+            store().certPath(pair.id)))
+        << CapturedLog::dump();
     EXPECT_FALSE(server().isCertificateSelfSigned());
     EXPECT_EQ("no certificate\n", readFile(store().certPath(pair.id)));
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "stores/CertificateId.h"
 #include "stores/CertificateInfo.h"
 #include "support/Tools.h"
 #include "tests/unit/stores/Failures.h"
@@ -135,6 +136,35 @@ TEST(CertificateInfoStorage, WrittenFileReadsBackAsTheSame) {
     EXPECT_EQ(read.validUntil, written.validUntil);
     EXPECT_EQ(read.validIPs, written.validIPs);
     EXPECT_EQ(read.validHostnames, written.validHostnames);
+}
+
+// Whatever a certificate's names hold.
+TEST(CertificateInfoStorage, NamesOfEveryByteReadBackAsTheSame) {
+    const Sandbox sandbox;
+    CertificateInfoStorage written(certificateOf(withNames()));
+    for (unsigned byte = 0; byte < 256; ++byte)
+        written.subjectName += static_cast<char>(byte);
+    written.issuerName = std::string(3000, '[') + std::string(3000, '{') + "\\\"/*//";
+    written.validHostnames = {"]}", "", "\\", "\""};
+    written.validFrom = 0;
+    written.validUntil = UINT64_MAX;
+    written.writeIntoFile(sandbox.path("record"));
+    const CertificateInfo read(sandbox.path("record"));
+    EXPECT_EQ(read.subjectName, written.subjectName);
+    EXPECT_EQ(read.issuerName, written.issuerName);
+    EXPECT_EQ(read.validHostnames, written.validHostnames);
+    EXPECT_EQ(read.validFrom, written.validFrom);
+    EXPECT_EQ(read.validUntil, written.validUntil);
+}
+
+TEST(CertificateInfoStorage, RecordOfTheLargestNameReadsBack) {
+    const Sandbox sandbox;
+    CertificateInfoStorage written(certificateOf(withNames()));
+    // All of a certificate file, in Latin letters that become two bytes each.
+    for (std::size_t count = 0; count < keywarden::kLargestCertificateFile / 4 * 3; ++count)
+        written.subjectName += "\xc3\xa9";
+    written.writeIntoFile(sandbox.path("record"));
+    EXPECT_EQ(CertificateInfo(sandbox.path("record")).subjectName, written.subjectName);
 }
 
 TEST(CertificateInfoStorage, FileThatCannotBeWrittenFailsWithTheReason) {

@@ -115,8 +115,37 @@ TEST(CertificateInfo, FolderAndFifoFailWithoutBlocking) {
 }
 
 TEST(CertificateInfo, FileOfNothingButBracketsFails) {
-    EXPECT_EQ(reasonOf(std::string(200000, '[')), "It is not a certificate record");
-    EXPECT_EQ(reasonOf(std::string(1000, '[')), "parsing json failed in line 1: unexpected end of json");
+    const std::string deeper(4000000, '[');
+    EXPECT_EQ(reasonOf(deeper), "It is not a certificate record");
+    EXPECT_EQ(reasonOf(R"({"a\"":)" + deeper), "It is not a certificate record");
+    EXPECT_EQ(reasonOf(R"({"a":"\\",)" + deeper), "It is not a certificate record");
+    EXPECT_EQ(reasonOf(std::string(100, '[')), "parsing json failed in line 1: unexpected end of json");
+    EXPECT_EQ(reasonOf(std::string(101, '[')), "It is not a certificate record");
+}
+
+TEST(CertificateInfo, BracketsThatNothingClosesAreCountedWhateverStandsBetweenThem) {
+    std::string mixed;
+    for (int count = 0; count < 1000000; ++count)
+        mixed += "[}{]";
+    EXPECT_EQ(reasonOf(mixed), "It is not a certificate record");
+}
+
+TEST(CertificateInfo, CommentHidesNoBrackets) {
+    EXPECT_EQ(reasonOf("/*\"*/" + std::string(4000000, '[')), "It is not a certificate record");
+    EXPECT_EQ(reasonOf("//\"\n" + std::string(4000000, '[')), "It is not a certificate record");
+}
+
+TEST(CertificateInfo, BracketsInNamesAreNoLevels) {
+    std::string json = recordOfVersion("1");
+    const std::string name = std::string(5000, '[') + std::string(5000, '{');
+    json.replace(json.find("Root CA"), 7, R"(\"\\)" + name);
+    EXPECT_EQ(infoOf(json).issuerName, "\"\\" + name);
+}
+
+TEST(CertificateInfo, MembersOfALaterVersionAreLeftAside) {
+    std::string json = recordOfVersion("2");
+    json.insert(1, R"("levels":[)" + std::string(50, '[') + std::string(50, ']') + "],");
+    EXPECT_EQ(infoOf(json).subjectName, "device");
 }
 
 TEST(CertificateInfo, FailedReadKeepsTheFields) {

@@ -2,6 +2,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <fstream>
+
 #include "stores/CertificateInfoStorage.h"
 #include "tests/unit/stores/Failures.h"
 #include "tests/unit/stores/StoreFixture.h"
@@ -173,8 +175,10 @@ TEST_F(StoreAddition, SourceThatTheDaemonMayNotReadIsRefused) {
 TEST_F(StoreAddition, SourceThatHoldsNoCertificateIsRefused) {
     TrustedCertificate store = clients();
     for (const char* content :
-         {"", "not a certificate\n", "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n"})
-        EXPECT_EQ(failureToAdd(store, source(content)), "9 No valid certificate found.") << content;
+         {"", "not a certificate\n", "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n"}) {
+        const std::string path = source(content);
+        EXPECT_EQ(failureToAdd(store, path), "9 Failed to read certificate from file: " + path) << content;
+    }
 }
 
 TEST_F(StoreAddition, CertificateThatIsNoAuthorityIsRefusedByTheAuthoritiesOnly) {
@@ -194,6 +198,8 @@ TEST_F(StoreAddition, SourceWithAPrivateKeyIsRefusedAndNotCopied) {
     EXPECT_EQ(failureToAdd(store, source(issued.keyPem + issued.certificatePem)),
               "9 The certificate file holds a private key.");
     EXPECT_FALSE(Sandbox::exists(paths("client").certPath("7abc528d.0")));
+    const std::string keyAlone = source(issued.keyPem);
+    EXPECT_EQ(failureToAdd(store, keyAlone), "9 Failed to read certificate from file: " + keyAlone);
 }
 
 TEST_F(StoreAddition, RefusedAdditionLeavesTheStoreAsItWas) {
@@ -347,9 +353,19 @@ TEST_F(StoreAddition, RecordThatCannotBeWrittenFailsAndTheCertificateStays) {
     EXPECT_EQ(runtimeErrorOf([&] { store.add(source(pem("device"))); }),
               "Error: Impossible to open " + path + "for writting with error Is a directory");
     EXPECT_TRUE(Sandbox::exists(paths("ca").certPath("7abc528d.0")));
-    EXPECT_EQ(Sandbox::read(paths("ca").listPath()), "");
+    // It is trusted by whoever reads the folder: so it is listed, counted and can be revoked.
+    EXPECT_EQ(Sandbox::read(paths("ca").listPath()), "7abc528d.0\n");
+    EXPECT_TRUE(testsupport::CapturedLog::contains(
+        keywarden::SeverityError,
+        "The certificate '7abc528d.0' could not be added as a whole inside ca for " + service_ +
+            ", but it is stored there and counts. Revoke it if it is not "
+            "wanted."))
+        << testsupport::CapturedLog::dump();
+    EXPECT_EQ(store.toBeTold(), (std::vector<std::vector<std::string>>{{"new", "7abc528d.0"}}));
     std::filesystem::remove(path);
-    EXPECT_EQ(store.add(source(pem("device"))), "7abc528d.0");
+    EXPECT_EQ(store.add(source(pem("device"))), "7abc528d.1");
+    EXPECT_TRUE(store.revoke(std::string("7abc528d.0")));
+    EXPECT_FALSE(Sandbox::exists(paths("ca").certPath("7abc528d.0")));
 }
 
 TEST_F(StoreAddition, DetailsThatCannotBeWrittenFail) {
@@ -369,15 +385,27 @@ TEST_F(StoreAddition, ListThatCannotBeWrittenFails) {
               "Impossible to open the list file " + paths("ca").listPath() + ".");
 }
 
-TEST_F(StoreAddition, FolderThatWasReplacedByALinkIsNotWrittenTo) {
+TEST_F(StoreAddition, FolderThatWasRemovedAndReplacedByALinkIsMadeAgain) {
     CertificateAuthority store = authorities();
     const std::string folder = paths("ca").tmpDirectoryPath();
     std::filesystem::remove_all(folder);
     ASSERT_EQ(::symlink(sandbox_.path().c_str(), folder.c_str()), 0);
-    EXPECT_EQ(runtimeErrorOf([&] { store.add(source(pem("device"))); }),
-              "Error: Impossible to open " + paths("ca").certInfoPath("7abc528d.0") +
-                  "for writting with error Not a directory");
+    EXPECT_EQ(store.add(source(pem("device"))), "7abc528d.0");
     EXPECT_FALSE(Sandbox::exists(sandbox_.path("7abc528d.0.info")));
+    EXPECT_FALSE(std::filesystem::is_symlink(folder));
+    expectRights(folder, 0711);
+    expectRights(paths("ca").certInfoPath("7abc528d.0"), 0644);
+}
+
+TEST_F(StoreAddition, FoldersThatAStartCouldNotMakeAreMadeByTheNextCommand) {
+    std::string folder = paths("ca").certificateDirectoryPath();
+    folder.pop_back();
+    std::ofstream(folder) << "in the way";
+    CertificateAuthority store = authorities();
+    EXPECT_ANY_THROW(store.add(source(pem("device"))));
+    std::filesystem::remove(folder);
+    EXPECT_EQ(store.add(source(pem("device"))), "7abc528d.0");
+    EXPECT_EQ(Sandbox::read(paths("ca").listPath()), "7abc528d.0\n");
 }
 
 }  // namespace

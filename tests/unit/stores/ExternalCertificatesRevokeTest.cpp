@@ -130,12 +130,18 @@ TEST_F(StoreRecord, UnknownIdFails) {
                   "0 Certificate '" + id + "' doesn't exist inside ca for " + service_);
 }
 
-TEST_F(StoreRecord, RecordThatIsGoneFails) {
+TEST_F(StoreRecord, ComesFromTheCertificateNotFromAFile) {
+    const std::string before = store_.getCertInfo(ids_[0]);
     std::filesystem::remove(paths_.certInfoPath(ids_[0]));
+    EXPECT_EQ(store_.getCertInfo(ids_[0]), before);
+}
+
+TEST_F(StoreRecord, OfACertificateThatIsGoneFails) {
+    std::filesystem::remove(paths_.certPath(ids_[0]));
     EXPECT_EQ(daemonFailureOf([&] { store_.getCertInfo(ids_[0]); }),
               "0 Std exception caught while getting certificate data inside ca for " + service_ +
-                  ": Error: Impossible to open " + paths_.certInfoPath(ids_[0]) +
-                  " for reading! Because the file does not exist.");
+                  ": Impossible to read the file '" + paths_.certPath(ids_[0]) +
+                  "': No such file or directory");
 }
 
 }  // namespace
