@@ -2,20 +2,32 @@
 
 #include <dlfcn.h>
 
+#include <atomic>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 
+#include "callbacks/LibraryCall.h"
 #include "support/Debug.h"
 #include "support/Failure.h"
+#include "support/FileStatus.h"
 #include "support/Log.h"
+#include "support/StopRequest.h"
 #include "support/Tools.h"
 
 namespace keywarden {
 
 namespace {
 
+std::atomic<int> loadedLibraries{0};
+
 struct CloseLibrary {
-    void operator()(void* library) const { ::dlclose(library); }
+    void operator()(void* library) const {
+        if (StopRequest::isRaised())
+            return;
+        ::dlclose(library);
+        --loadedLibraries;
+    }
 };
 using Library = std::unique_ptr<void, CloseLibrary>;
 
@@ -33,9 +45,19 @@ class LoadFailure {
     std::string subject_;
 };
 
+/// A fifo, or a device: the loader would open it and could wait for ever.
+bool canHoldUp(const std::string& path) {
+    const auto status = statusOfPath(path);
+    return status && !status->isRegular() && !status->isFolder();
+}
+
 Library open(const std::string& path, const LoadFailure& failure) {
+    if (canHoldUp(path))
+        throw failure.because("It is not a regular file");
+    ++loadedLibraries;
     Library library(::dlopen(path.c_str(), RTLD_LAZY));
     if (!library) {
+        --loadedLibraries;
         const char* const error = ::dlerror();
         const std::string reason = error != nullptr ? error : "Unknown error.";
         debugTrace(reason);
@@ -57,6 +79,30 @@ void* symbol(const Library& library, const char* name, const LoadFailure& failur
     throw failure.because(reason);
 }
 
+/// What loading gives. The library is the last to go.
+template <typename Create, typename Destroy>
+struct Loaded {
+    Library library;
+    Create create = nullptr;
+    Destroy destroy = nullptr;
+    ServiceCallbacks* object = nullptr;
+
+    void load(const std::string& serviceId, const std::string& path, const LoadFailure& failure) {
+        library = open(path, failure);
+        create = reinterpret_cast<Create>(symbol(library, "create", failure));
+        destroy = reinterpret_cast<Destroy>(symbol(library, "destroy", failure));
+        std::string reason = "create gave no object";
+        try {
+            object = create(serviceId);
+        } catch (...) {
+            // Only the text may leave: the code of an exception type of the library goes with the library.
+            reason = Failure::current().text();
+        }
+        if (object == nullptr)
+            throw failure.because(reason);
+    }
+};
+
 }  // namespace
 
 LibraryWrapperServiceCallbacks::LibraryWrapperServiceCallbacks(const std::string& serviceId,
@@ -66,63 +112,85 @@ LibraryWrapperServiceCallbacks::LibraryWrapperServiceCallbacks(const std::string
         throw std::runtime_error("The callback " + libraryPath + " for the service " + serviceId +
                                  " doesn't exist");
     const LoadFailure failure(serviceId, libraryPath);
-    Library library = open(libraryPath, failure);
-    create_ = reinterpret_cast<Create>(symbol(library, "create", failure));
-    destroy_ = reinterpret_cast<Destroy>(symbol(library, "destroy", failure));
-    std::string reason = "create gave no object";
-    try {
-        object_ = create_(serviceId);
-    } catch (...) {
-        // Only the text may leave: the code of an exception type of the library goes with the library.
-        reason = Failure::current().text();
-    }
-    if (object_ == nullptr)
-        throw failure.because(reason);
-    handle_ = library.release();
+    const auto loaded = std::make_shared<Loaded<Create, Destroy>>();
+    if (!runOrGiveUp([=] { loaded->load(serviceId, libraryPath, failure); }))
+        throw failure.because("it was given up at the stop of the daemon");
+    create_ = loaded->create;
+    destroy_ = loaded->destroy;
+    object_ = loaded->object;
+    handle_ = loaded->library.release();
 }
 
 LibraryWrapperServiceCallbacks::~LibraryWrapperServiceCallbacks() {
+    // Takes over the handle; after a stop it leaves the library where it is.
+    const Library library(handle_);
+    if (givenUp_)
+        return;
     try {
-        destroy_(object_);
+        if (!runOrGiveUp([destroy = destroy_, object = object_] { destroy(object); }))
+            giveUp("destroy");
     } catch (...) {
         Log::write(SeverityError, "The callback library " + libraryPath_ + " for the service " + serviceId_ +
                                       " failed to release its object: " + Failure::current().text());
     }
-    ::dlclose(handle_);
+}
+
+void LibraryWrapperServiceCallbacks::tell(const std::string& event,
+                                          std::function<void(ServiceCallbacks&)> operation) {
+    if (givenUp_)
+        return;
+    if (!runOrGiveUp([object = object_, operation = std::move(operation)] { operation(*object); }))
+        giveUp(event);
+}
+
+void LibraryWrapperServiceCallbacks::giveUp(const std::string& what) {
+    givenUp_ = true;
+    Log::write(SeverityError, "The callback library " + libraryPath_ + " for the service " + serviceId_ +
+                                  " was given up at the stop of the daemon: its '" + what +
+                                  "' did not return within " +
+                                  std::to_string(StopRequest::kGraceMilliseconds / 1000) + " seconds");
 }
 
 void LibraryWrapperServiceCallbacks::started() {
-    object_->started();
+    tell("started", [](ServiceCallbacks& object) { object.started(); });
 }
 
 void LibraryWrapperServiceCallbacks::stopped() {
-    object_->stopped();
+    tell("stopped", [](ServiceCallbacks& object) { object.stopped(); });
 }
 
 void LibraryWrapperServiceCallbacks::allStarted() {
-    object_->allStarted();
+    tell("allStarted", [](ServiceCallbacks& object) { object.allStarted(); });
 }
 
 void LibraryWrapperServiceCallbacks::newGeneratedCertificate(const std::string& id) {
-    object_->newGeneratedCertificate(id);
+    tell("newGeneratedCertificate", [id](ServiceCallbacks& object) { object.newGeneratedCertificate(id); });
 }
 
 void LibraryWrapperServiceCallbacks::updateValidityGeneratedCertificate(int validIn, int expireIn) {
-    object_->updateValidityGeneratedCertificate(validIn, expireIn);
+    tell("updateValidityGeneratedCertificate",
+         [=](ServiceCallbacks& object) { object.updateValidityGeneratedCertificate(validIn, expireIn); });
 }
 
 void LibraryWrapperServiceCallbacks::newExternalCertificate(const std::string& store, const std::string& id) {
-    object_->newExternalCertificate(store, id);
+    tell("newExternalCertificate",
+         [store, id](ServiceCallbacks& object) { object.newExternalCertificate(store, id); });
 }
 
 void LibraryWrapperServiceCallbacks::revokedExternalCertificate(const std::string& store,
                                                                 const std::string& id) {
-    object_->revokedExternalCertificate(store, id);
+    tell("revokedExternalCertificate",
+         [store, id](ServiceCallbacks& object) { object.revokedExternalCertificate(store, id); });
 }
 
 void LibraryWrapperServiceCallbacks::revokedExternalCertificate(const std::string& store,
                                                                 const std::vector<std::string>& ids) {
-    object_->revokedExternalCertificate(store, ids);
+    tell("revokedExternalCertificate",
+         [store, ids](ServiceCallbacks& object) { object.revokedExternalCertificate(store, ids); });
+}
+
+bool isCallbackLibraryLoaded() {
+    return loadedLibraries > 0;
 }
 
 }  // namespace keywarden

@@ -2,7 +2,10 @@
 
 #include <pthread.h>
 
+#include <cerrno>
 #include <ctime>
+
+#include "support/ThreadStack.h"
 
 #ifdef __SANITIZE_ADDRESS__
 extern "C" void __asan_handle_no_return();
@@ -70,6 +73,7 @@ int waitForTime(const timespec& wait) {
 #endif
 
 constexpr std::int64_t kLockSliceMilliseconds = 10;
+constexpr std::int64_t kLongWaitMilliseconds = 60000;
 
 }  // namespace
 
@@ -82,6 +86,8 @@ bool Cancellation::prepareThread() {
 }
 
 int Cancellation::poll(pollfd* descriptors, nfds_t count, int timeoutMilliseconds) {
+    if (timeoutMilliseconds < 0 || timeoutMilliseconds >= kLongWaitMilliseconds)
+        ThreadStack::giveBackUnused();
     StackMap map;
     const int before = enableCancellation();
     const int result = waitForDescriptors(descriptors, count, timeoutMilliseconds);
@@ -94,12 +100,28 @@ bool Cancellation::sleep(std::int64_t milliseconds) {
     timespec wait{};
     wait.tv_sec = static_cast<time_t>(milliseconds / 1000);
     wait.tv_nsec = static_cast<long>(milliseconds % 1000) * 1000000L;
+    if (milliseconds >= kLongWaitMilliseconds)
+        ThreadStack::giveBackUnused();
     StackMap map;
     const int before = enableCancellation();
     const int result = waitForTime(wait);
     restoreCancellation(before);
     map.comeBack();
     return result == 0;
+}
+
+bool Cancellation::wait(sem_t& semaphore, std::int64_t milliseconds) {
+    timespec end{};
+    ::clock_gettime(CLOCK_MONOTONIC, &end);
+    const std::int64_t nanoseconds = end.tv_nsec + milliseconds % 1000 * 1000000;
+    end.tv_sec += static_cast<time_t>(milliseconds / 1000 + nanoseconds / 1000000000);
+    end.tv_nsec = static_cast<long>(nanoseconds % 1000000000);
+    StackMap map;
+    const int before = enableCancellation();
+    const bool timedOut = ::sem_clockwait(&semaphore, CLOCK_MONOTONIC, &end) != 0 && errno == ETIMEDOUT;
+    restoreCancellation(before);
+    map.comeBack();
+    return !timedOut;
 }
 
 void Cancellation::lock(std::mutex& mutex) {

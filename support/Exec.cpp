@@ -15,7 +15,9 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <stdexcept>
+#include <system_error>
 
 #include "support/Clock.h"
 #include "support/StopRequest.h"
@@ -32,11 +34,14 @@ using keywarden::StopRequest;
 using keywarden::UniqueFd;
 
 constexpr std::size_t kKeptBytes = std::size_t{1024} * 1024;
-constexpr std::int64_t kStopGraceMilliseconds = 500;
-constexpr std::int64_t kLeastGraceMilliseconds = 50;
 constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
 // Only where the kernel offers no descriptor for a process (before 5.3).
 constexpr std::int64_t kExitCheckMilliseconds = 20;
+
+// "<what>: <the system's reason>".
+std::system_error failure(int error, const std::string& what) {
+    return {error, std::generic_category(), what};
+}
 
 /// One output of the program.
 struct Drain {
@@ -56,8 +61,14 @@ struct Drain {
         }
         const auto size = static_cast<std::size_t>(count);
         const std::size_t room = kKeptBytes - kept.size();
-        kept.append(chunk.data(), std::min(size, room));
-        truncated = truncated || size > room;
+        try {
+            kept.append(chunk.data(), std::min(size, room));
+            truncated = truncated || size > room;
+        } catch (const std::exception&) {
+            // Without the memory for it the rest goes where what is too much goes: the program still has to
+            // be seen to its end.
+            truncated = true;
+        }
         return true;
     }
 
@@ -83,10 +94,10 @@ class SpawnPlan {
     }
 
     void connect(int input, int output, int error) {
-        ::posix_spawn_file_actions_adddup2(&actions_, input, STDIN_FILENO);
-        ::posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO);
-        ::posix_spawn_file_actions_adddup2(&actions_, error, STDERR_FILENO);
-        ::posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
+        require(::posix_spawn_file_actions_adddup2(&actions_, input, STDIN_FILENO));
+        require(::posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO));
+        require(::posix_spawn_file_actions_adddup2(&actions_, error, STDERR_FILENO));
+        require(::posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1));
     }
 
     void ownGroupAndPlainSignals() {
@@ -111,11 +122,17 @@ class SpawnPlan {
         const int error =
             ::posix_spawn(&pid, arguments.front().c_str(), &actions_, &attributes_, pointers.data(), environ);
         if (error != 0)
-            throw std::runtime_error("Cannot run " + arguments.front() + ": " + std::strerror(error));
+            throw failure(error, "Cannot run " + arguments.front());
         return pid;
     }
 
   private:
+    // Otherwise it would run with the daemon's own descriptors.
+    static void require(int error) {
+        if (error != 0)
+            throw failure(error, "Cannot connect a program");
+    }
+
     posix_spawn_file_actions_t actions_{};
     posix_spawnattr_t attributes_{};
 };
@@ -123,7 +140,7 @@ class SpawnPlan {
 UniqueFd makePipe(Drain& drain) {
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0)
-        throw std::runtime_error(std::string("Cannot make a pipe: ") + std::strerror(errno));
+        throw failure(errno, "Cannot make a pipe");
     drain.readEnd = UniqueFd(ends[0]);
     ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
     return UniqueFd(ends[1]);
@@ -148,8 +165,8 @@ class Run {
           exit_(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0))),
           output_(output),
           error_(error),
-          deadline_(timeoutSeconds == 0 ? kNever
-                                        : Clock::monotonicMilliseconds() + timeoutSeconds * INT64_C(1000)) {
+          start_(Clock::monotonicMilliseconds()),
+          deadline_(timeoutSeconds == 0 ? kNever : start_ + timeoutSeconds * INT64_C(1000)) {
         if (exit_)
             ::fcntl(exit_.get(), F_SETFD, FD_CLOEXEC);
     }
@@ -184,9 +201,8 @@ class Run {
     void noticeStop() {
         if (graceEnd_ != kNever || !StopRequest::isRaised())
             return;
-        const std::int64_t grace =
-            std::clamp(StopRequest::millisecondsLeft(), kLeastGraceMilliseconds, kStopGraceMilliseconds);
-        graceEnd_ = Clock::monotonicMilliseconds() + grace;
+        const std::int64_t left = StopRequest::kGraceMilliseconds - StopRequest::millisecondsOfStop(start_);
+        graceEnd_ = Clock::monotonicMilliseconds() + std::max<std::int64_t>(0, left);
     }
 
     void killGroup() {
@@ -218,12 +234,31 @@ class Run {
     UniqueFd exit_;
     Drain& output_;
     Drain& error_;
+    std::int64_t start_;
     std::int64_t deadline_;
     std::int64_t graceEnd_ = kNever;
     int waitStatus_ = 0;
     bool timedOut_ = false;
     bool interrupted_ = false;
 };
+
+// Without memory that is the system's reason as well.
+pid_t start(const std::vector<std::string>& arguments, const std::string& input, Drain& output,
+            Drain& error) {
+    try {
+        const UniqueFd standardInput = makeInput(input);
+        if (!standardInput)
+            throw failure(errno, "Cannot prepare the input of " + arguments.front());
+        const UniqueFd outputEnd = makePipe(output);
+        const UniqueFd errorEnd = makePipe(error);
+        SpawnPlan plan;
+        plan.connect(standardInput.get(), outputEnd.get(), errorEnd.get());
+        plan.ownGroupAndPlainSignals();
+        return plan.spawn(arguments);
+    } catch (const std::bad_alloc&) {
+        throw failure(ENOMEM, "Cannot run " + arguments.front());
+    }
+}
 
 }  // namespace
 
@@ -241,18 +276,7 @@ void Exec::run(const std::vector<std::string>& arguments, const std::string& inp
     program_ = arguments.front();
     Drain output;
     Drain error;
-    pid_t pid = -1;
-    {
-        const UniqueFd standardInput = makeInput(input);
-        if (!standardInput)
-            throw std::runtime_error("Cannot prepare the input of " + program_ + ": " + std::strerror(errno));
-        const UniqueFd outputEnd = makePipe(output);
-        const UniqueFd errorEnd = makePipe(error);
-        SpawnPlan plan;
-        plan.connect(standardInput.get(), outputEnd.get(), errorEnd.get());
-        plan.ownGroupAndPlainSignals();
-        pid = plan.spawn(arguments);
-    }
+    const pid_t pid = start(arguments, input, output, error);
     Run running(pid, output, error, timeoutSeconds);
     running.untilEnd();
     waitStatus_ = running.waitStatus();

@@ -15,7 +15,6 @@ namespace keywarden {
 
 namespace {
 
-constexpr std::int64_t kBudgetMilliseconds = 1000;
 constexpr std::int64_t kNotRaised = -1;
 
 std::atomic<std::int64_t> raisedAt{kNotRaised};
@@ -78,11 +77,11 @@ int StopRequest::pendingSignalDescriptor() {
     return descriptor;
 }
 
-std::int64_t StopRequest::millisecondsLeft() {
+std::int64_t StopRequest::millisecondsOfStop(std::int64_t start) {
     if (!isRaised())
-        return kBudgetMilliseconds;
-    const std::int64_t spent = Clock::monotonicMilliseconds() - raisedAt;
-    return std::max<std::int64_t>(0, kBudgetMilliseconds - spent);
+        return 0;
+    return std::max<std::int64_t>(0,
+                                  Clock::monotonicMilliseconds() - std::max<std::int64_t>(raisedAt, start));
 }
 
 }  // namespace keywarden

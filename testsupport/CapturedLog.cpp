@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <new>
 #include <ostream>
 
 #include "support/Debug.h"
@@ -10,6 +11,8 @@ namespace {
 
 std::mutex linesMutex;
 std::vector<testsupport::LogLine> keptLines;
+std::string failingBeginning;
+int failuresLeft = 0;
 
 }  // namespace
 
@@ -24,6 +27,10 @@ void Log::open() {
 bool Log::write(Severity severity, const std::string& message) {
     {
         const std::lock_guard<std::mutex> guard(linesMutex);
+        if (failuresLeft > 0 && message.rfind(failingBeginning, 0) == 0) {
+            --failuresLeft;
+            throw std::bad_alloc();
+        }
         keptLines.push_back({severity, message});
     }
     debugTrace(message);
@@ -41,6 +48,13 @@ namespace testsupport {
 void CapturedLog::clear() {
     const std::lock_guard<std::mutex> guard(linesMutex);
     keptLines.clear();
+    failuresLeft = 0;
+}
+
+void CapturedLog::failFor(const std::string& beginning, int lines) {
+    const std::lock_guard<std::mutex> guard(linesMutex);
+    failingBeginning = beginning;
+    failuresLeft = lines;
 }
 
 std::vector<LogLine> CapturedLog::lines() {

@@ -17,6 +17,9 @@ struct LogLine {
 class CapturedLog {
   public:
     static void clear();
+    /// There is no memory for the next lines, so many, that begin with this text: each ends in
+    /// std::bad_alloc.
+    static void failFor(const std::string& beginning, int lines = 1);
     [[nodiscard]] static std::vector<LogLine> lines();
     [[nodiscard]] static bool contains(keywarden::Severity severity, const std::string& text);
     /// How often the exact line was written.

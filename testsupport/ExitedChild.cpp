@@ -60,8 +60,7 @@ std::vector<LogLine> unpacked(const std::string& packed) {
 
 int logDescriptor = -1;
 
-// Registered last, so run first: nothing of the parent's is destroyed.
-void leaveWithLog(int status, void* /*unused*/) {
+void tellLog() {
     const std::string packed = packedLog();
     for (std::size_t done = 0; done < packed.size();) {
         const ssize_t count = ::write(logDescriptor, packed.data() + done, packed.size() - done);
@@ -70,13 +69,24 @@ void leaveWithLog(int status, void* /*unused*/) {
         done += static_cast<std::size_t>(count);
     }
     std::cerr.flush();
+}
+
+// Registered last, so run first: nothing of the parent's is destroyed.
+void leaveWithLog(int status, void* /*unused*/) {
+    tellLog();
     leaveChild(status);
+}
+
+void leaveQuickly() {
+    tellLog();
+    keepCounts();
 }
 
 [[noreturn]] void runChild(const std::function<void()>& body, int log, int standardError) {
     ::dup2(standardError, STDERR_FILENO);
     logDescriptor = log;
     ::on_exit(leaveWithLog, nullptr);
+    ::at_quick_exit(leaveQuickly);
     CapturedLog::clear();
     keywarden::gDebug = true;
     try {

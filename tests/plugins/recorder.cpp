@@ -1,8 +1,6 @@
 // The example of a good callback library: it writes every event, with its arguments, as a line of the file
-// that the environment names.
+// that Record.h names.
 
-#include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -10,6 +8,7 @@
 #include <vector>
 
 #include "callbacks/ServiceCallbacks.h"
+#include "tests/plugins/Record.h"
 
 namespace {
 
@@ -47,10 +46,7 @@ class Recorder : public keywarden::ServiceCallbacks {
     }
 
   private:
-    void record(const std::string& line) const {
-        if (const char* const path = std::getenv("CALLBACK_RECORD"))
-            std::ofstream(path, std::ios::app) << serviceId_ << ": " << line << "\n";
-    }
+    void record(const std::string& line) const { ::record(serviceId_ + ": " + line); }
 
     std::string serviceId_;
 };

@@ -1,14 +1,21 @@
 #include "callbacks/BinaryServiceCallbacks.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <limits>
 #include <memory>
 #include <stdexcept>
 
+#include "callbacks/Delivery.h"
+#include "support/StopRequest.h"
+#include "tests/unit/callbacks/FailingStart.h"
 #include "testsupport/CapturedLog.h"
+#include "testsupport/Child.h"
 #include "testsupport/Sandbox.h"
 #include "testsupport/Traces.h"
 
@@ -17,6 +24,7 @@ namespace {
 using keywarden::BinaryServiceCallbacks;
 using keywarden::SeverityError;
 using keywarden::SeverityWarning;
+using keywarden::wasDelivered;
 using testsupport::CapturedLog;
 using testsupport::Sandbox;
 using testsupport::tracesOf;
@@ -190,6 +198,115 @@ TEST_F(BinaryCallbacks, EventWaitsForTheScriptToEnd) {
     sandbox_.write("owner.sh", "#!/bin/sh\nsleep 0.3\necho done > '" + record() + "'\n", 0755);
     callbacks_.started();
     EXPECT_EQ(recorded(), "done\n");
+}
+
+TEST_F(BinaryCallbacks, EventIsDeliveredWhateverTheScriptMadeOfIt) {
+    EXPECT_TRUE(wasDelivered(callbacks_));
+    sandbox_.write("owner.sh", "#!/bin/sh\nexit 3\n", 0755);
+    callbacks_.started();
+    EXPECT_TRUE(wasDelivered(callbacks_));
+    sandbox_.write("owner.sh", "#!/bin/sh\nkill -9 $$\n", 0755);
+    callbacks_.started();
+    EXPECT_TRUE(wasDelivered(callbacks_));
+    ASSERT_EQ(::unlink(script_.c_str()), 0);
+    callbacks_.started();
+    EXPECT_TRUE(wasDelivered(callbacks_));
+}
+
+TEST_F(BinaryCallbacks, EventOfAScriptThatExceedsItsTimeIsDelivered) {
+    sandbox_.write("owner.sh", "#!/bin/sh\nsleep 300\n", 0755);
+    BinaryServiceCallbacks limited("web", script_, 1);
+    limited.started();
+    EXPECT_TRUE(wasDelivered(limited));
+}
+
+TEST_F(BinaryCallbacks, EventWithoutAProcessForItIsNotDeliveredUntilTheNextOneIs) {
+    EXPECT_EQ(testsupport::inChild([this]() -> std::string {
+                  rlimit few{};
+                  ::getrlimit(RLIMIT_NOFILE, &few);
+                  const rlimit before = few;
+                  few.rlim_cur = 3;
+                  ::setrlimit(RLIMIT_NOFILE, &few);
+                  callbacks_.started();
+                  const bool without = wasDelivered(callbacks_);
+                  ::setrlimit(RLIMIT_NOFILE, &before);
+                  callbacks_.allStarted();
+                  return std::string(without ? "delivered" : "not delivered") +
+                         (wasDelivered(callbacks_) ? ", delivered" : ", not delivered");
+              }),
+              "not delivered, delivered");
+}
+
+TEST_F(BinaryCallbacks, ScriptForWhichThereIsNoProcessIsStartedAMomentLater) {
+    for (const int error : {EAGAIN, ENOMEM, EMFILE, ENFILE}) {
+        std::remove(record().c_str());
+        const FailingStart failing(error, 3);
+        callbacks_.started();
+        EXPECT_EQ(recorded(), "[web][start]\n") << error;
+        EXPECT_EQ(FailingStart::starts(), 4);
+        EXPECT_TRUE(wasDelivered(callbacks_));
+        EXPECT_TRUE(CapturedLog::lines().empty()) << CapturedLog::dump();
+    }
+}
+
+TEST_F(BinaryCallbacks, ScriptForWhichThereIsNoProcessForLongIsAnError) {
+    const FailingStart failing(EAGAIN, 4);
+    callbacks_.started();
+    EXPECT_EQ(FailingStart::starts(), 4);
+    EXPECT_FALSE(wasDelivered(callbacks_));
+    EXPECT_EQ(recorded(), "");
+    EXPECT_EQ(
+        CapturedLog::lines(),
+        (std::vector<testsupport::LogLine>{
+            {SeverityError, "The callback " + script_ + " for the service web could not be run: Cannot run " +
+                                script_ + ": Resource temporarily unavailable"}}));
+}
+
+TEST_F(BinaryCallbacks, ScriptThatCannotRunIsNotTriedAgain) {
+    const FailingStart failing(EACCES, 1);
+    callbacks_.started();
+    EXPECT_EQ(FailingStart::starts(), 1);
+    EXPECT_TRUE(wasDelivered(callbacks_));
+}
+
+TEST_F(BinaryCallbacks, ScriptForWhichThereIsNoProcessDoesNotHoldUpAStop) {
+    EXPECT_EQ(testsupport::inChild([this] {
+                  keywarden::StopRequest::raise();
+                  const FailingStart failing(EAGAIN, 1);
+                  callbacks_.started();
+                  return std::to_string(FailingStart::starts()) +
+                         (wasDelivered(callbacks_) ? " delivered" : " not delivered");
+              }),
+              "1 not delivered");
+}
+
+TEST_F(BinaryCallbacks, EventThatAStopOfTheDaemonCutsOffIsNotDelivered) {
+    sandbox_.write("owner.sh", "#!/bin/sh\nif [ \"$2\" = start ]; then sleep 300; else sleep 0.3; fi\n",
+                   0755);
+    EXPECT_EQ(testsupport::inChild([this]() -> std::string {
+                  keywarden::StopRequest::raise();
+                  callbacks_.started();
+                  const bool first = wasDelivered(callbacks_);
+                  callbacks_.stopped();
+                  return std::string(first ? "delivered" : "not delivered") +
+                         (wasDelivered(callbacks_) ? ", delivered" : ", not delivered");
+              }),
+              "not delivered, delivered");
+}
+
+TEST(Delivery, OfCallbacksThatDoNotTellIsTaken) {
+    class Others : public keywarden::ServiceCallbacks {
+        void started() override {}
+        void stopped() override {}
+        void allStarted() override {}
+        void newGeneratedCertificate(const std::string& /*id*/) override {}
+        void updateValidityGeneratedCertificate(int /*validIn*/, int /*expireIn*/) override {}
+        void newExternalCertificate(const std::string& /*store*/, const std::string& /*id*/) override {}
+        void revokedExternalCertificate(const std::string& /*store*/, const std::string& /*id*/) override {}
+        void revokedExternalCertificate(const std::string& /*store*/,
+                                        const std::vector<std::string>& /*ids*/) override {}
+    };
+    EXPECT_TRUE(wasDelivered(Others()));
 }
 
 }  // namespace

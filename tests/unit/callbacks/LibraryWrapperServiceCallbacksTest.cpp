@@ -2,12 +2,20 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <memory>
 #include <stdexcept>
+#include <thread>
 
+#include "callbacks/Delivery.h"
+#include "support/StopRequest.h"
 #include "testsupport/CapturedLog.h"
+#include "testsupport/Child.h"
 #include "testsupport/Sandbox.h"
 #include "testsupport/Traces.h"
 
@@ -139,6 +147,13 @@ TEST_F(BadLibrary, FolderFails) {
               cannotLoad(sandbox.path(), sandbox.path() + ": cannot read file data: Is a directory"));
 }
 
+TEST_F(BadLibrary, FifoFailsWithoutWaitingForAWriter) {
+    const Sandbox sandbox;
+    const std::string library = sandbox.path("owner.so");
+    ASSERT_EQ(::mkfifo(library.c_str(), 0666), 0);
+    EXPECT_EQ(failureOf(library), cannotLoad(library, "It is not a regular file"));
+}
+
 TEST_F(BadLibrary, MissingCreateIsLoggedAndFails) {
     const std::string reason = PLUGIN_WITHOUT_CREATE ": undefined symbol: create";
     EXPECT_EQ(failureOf(PLUGIN_WITHOUT_CREATE), cannotLoad(PLUGIN_WITHOUT_CREATE, reason));
@@ -188,6 +203,128 @@ TEST_F(BadLibrary, DestroyThatThrowsIsLogged) {
               (Lines{{SeverityError, "The callback library " PLUGIN_FAILING_DESTROY
                                      " for the service web failed to release its object: still in use"}}));
     EXPECT_FALSE(isLoaded(PLUGIN_FAILING_DESTROY));
+}
+
+// A stop cannot be taken back: these run in processes of their own.
+
+std::string gaveUp(const std::string& what) {
+    return "The callback library " PLUGIN_HANGING " for the service " + what +
+           " was given up at the stop of the daemon: its '" + what + "' did not return within 2 seconds";
+}
+
+struct Pause {
+    std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
+
+    [[nodiscard]] std::string text() const {
+        const auto spent = std::chrono::steady_clock::now() - begin;
+        return spent < std::chrono::milliseconds(1950)   ? "too soon"
+               : spent > std::chrono::milliseconds(3800) ? "too late"
+                                                         : "in time";
+    }
+};
+
+TEST_F(LibraryCallbacks, OneThatHangsAtAStopIsGivenUpAndNotCalledAgain) {
+    EXPECT_EQ(testsupport::inChild([this]() -> std::string {
+                  const Pause pause;
+                  {
+                      LibraryWrapperServiceCallbacks callbacks("stopped", PLUGIN_HANGING);
+                      keywarden::StopRequest::raise();
+                      callbacks.stopped();
+                      callbacks.allStarted();
+                      if (wasDelivered(callbacks))
+                          return "delivered";
+                  }
+                  return pause.text() + "\n" + CapturedLog::dump() + Sandbox::read(record());
+              }),
+              "in time\n3 " + gaveUp("stopped") + "\nstopped: create\nstopped: stopped\n");
+}
+
+TEST_F(LibraryCallbacks, OneThatHangsWhileItIsReleasedIsGivenUpAtAStop) {
+    EXPECT_EQ(testsupport::inChild([this] {
+                  const Pause pause;
+                  {
+                      LibraryWrapperServiceCallbacks callbacks("destroy", PLUGIN_HANGING);
+                      keywarden::StopRequest::raise();
+                      callbacks.stopped();
+                  }
+                  return pause.text() + "\n" + CapturedLog::dump() + Sandbox::read(record());
+              }),
+              "in time\n3 " + gaveUp("destroy") + "\ndestroy: create\ndestroy: stopped\ndestroy: destroy\n");
+}
+
+TEST_F(LibraryCallbacks, OneThatHangsAlreadyHasTwoSecondsFromTheStop) {
+    EXPECT_EQ(testsupport::inChild([] {
+                  LibraryWrapperServiceCallbacks callbacks("validity", PLUGIN_HANGING);
+                  Pause pause;
+                  std::thread stopper([&pause] {
+                      std::this_thread::sleep_for(std::chrono::milliseconds(500));
+                      pause = Pause();
+                      keywarden::StopRequest::raise();
+                  });
+                  callbacks.updateValidityGeneratedCertificate(0, 1);
+                  stopper.join();
+                  return pause.text();
+              }),
+              "in time");
+}
+
+TEST_F(LibraryCallbacks, OneThatHangsWhileItIsLoadedIsGivenUpAtAStop) {
+    EXPECT_EQ(testsupport::inChild([] {
+                  std::thread stopper([] {
+                      std::this_thread::sleep_for(std::chrono::milliseconds(300));
+                      keywarden::StopRequest::raise();
+                  });
+                  std::string failure = failureOf(PLUGIN_HANGING, "create");
+                  stopper.join();
+                  return failure;
+              }),
+              "Cannot load the callback library " PLUGIN_HANGING
+              " for the service create: it was given up at the stop of the daemon");
+}
+
+TEST_F(LibraryCallbacks, PendingSignalIsAStopForThem) {
+    EXPECT_EQ(testsupport::inChild([] {
+                  const sigset_t stops = keywarden::StopRequest::signals();
+                  ::pthread_sigmask(SIG_BLOCK, &stops, nullptr);
+                  LibraryWrapperServiceCallbacks callbacks("started", PLUGIN_HANGING);
+                  const Pause pause;
+                  ::kill(::getpid(), SIGTERM);
+                  callbacks.started();
+                  return pause.text();
+              }),
+              "in time");
+}
+
+TEST_F(LibraryCallbacks, NoneIsUnloadedOnceTheDaemonStops) {
+    EXPECT_EQ(testsupport::inChild([this]() -> std::string {
+                  {
+                      const LibraryWrapperServiceCallbacks callbacks("web", PLUGIN_THREADED);
+                      keywarden::StopRequest::raise();
+                  }
+                  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                  return Sandbox::read(record()) + (isLoaded(PLUGIN_THREADED) ? "loaded" : "unloaded") +
+                         (keywarden::isCallbackLibraryLoaded() ? "" : ", not known");
+              }),
+              "destroy\nloaded");
+}
+
+TEST_F(LibraryCallbacks, WhetherOneIsLoadedIsKnown) {
+    EXPECT_EQ(testsupport::inChild([] {
+                  std::string states;
+                  const auto look = [&states] { states += keywarden::isCallbackLibraryLoaded() ? "1" : "0"; };
+                  look();
+                  {
+                      const LibraryWrapperServiceCallbacks callbacks("web", PLUGIN_RECORDER);
+                      look();
+                  }
+                  look();
+                  failureOf(PLUGIN_WITHOUT_CREATE);
+                  look();
+                  failureOf("/dev/null");
+                  look();
+                  return states;
+              }),
+              "01000");
 }
 
 }  // namespace

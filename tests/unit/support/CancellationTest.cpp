@@ -13,12 +13,15 @@
 #include <string>
 #include <thread>
 
+#include "support/GrowingPause.h"
 #include "support/UniqueFd.h"
+#include "support/Wakeup.h"
 
 namespace {
 
 using keywarden::Cancellation;
 using keywarden::UniqueFd;
+using keywarden::Wakeup;
 using Milliseconds = std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
@@ -150,6 +153,49 @@ TEST(Cancellation, SleepCutShortByASignalSaysSo) {
     EXPECT_FALSE(thread.stop());
     EXPECT_FALSE(flags.result);
     ::sigaction(SIGUSR1, &before, nullptr);
+}
+
+TEST(Cancellation, WaitEndsWhenItIsGivenOrItsTimeHasPassed) {
+    Wakeup wakeup;
+    const auto start = Clock::now();
+    EXPECT_FALSE(wakeup.wait(120));
+    EXPECT_GE(since(start), Milliseconds(119));
+    wakeup.give();
+    EXPECT_TRUE(wakeup.wait(60000)) << "given before the wait";
+    EXPECT_FALSE(wakeup.wait(0)) << "one wait only";
+    std::thread giving([&wakeup] {
+        std::this_thread::sleep_for(Milliseconds(30));
+        wakeup.give();
+    });
+    EXPECT_TRUE(wakeup.wait(60000));
+    giving.join();
+    EXPECT_LT(since(start), Milliseconds(10000));
+}
+
+TEST(Cancellation, WaitIsAPlaceToBeCancelled) {
+    Flags flags;
+    Cancellable thread(
+        [](void* argument) -> void* {
+            auto& noted = *static_cast<Flags*>(argument);
+            Cancellation::prepareThread();
+            const Unwinding unwinding(noted);
+            Wakeup wakeup;
+            noted.entered = true;
+            wakeup.wait(60000);
+            noted.passed = true;
+            return nullptr;
+        },
+        &flags);
+    waitFor(flags.entered);
+    EXPECT_TRUE(thread.stop());
+    EXPECT_FALSE(flags.passed);
+    EXPECT_TRUE(flags.unwound);
+}
+
+TEST(GrowingPause, DoublesUpToTheLongest) {
+    keywarden::GrowingPause pause(100, 500);
+    for (const std::int64_t expected : {100, 200, 400, 500, 500})
+        EXPECT_EQ(pause.next(), expected);
 }
 
 TEST(Cancellation, PollTellsWhatIsReady) {
