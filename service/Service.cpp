@@ -2,10 +2,12 @@
 
 #include <unistd.h>
 
-#include <filesystem>
+#include <cerrno>
+#include <optional>
 #include <stdexcept>
 
 #include "callbacks/BinaryServiceCallbacks.h"
+#include "callbacks/Delivery.h"
 #include "callbacks/LibraryWrapperServiceCallbacks.h"
 #include "daemon/DaemonConfiguration.h"
 #include "server/Server.h"
@@ -14,8 +16,12 @@
 #include "support/Cancellation.h"
 #include "support/Debug.h"
 #include "support/Failure.h"
+#include "support/FileWriteError.h"
 #include "support/KeywardenDaemonException.h"
 #include "support/Log.h"
+#include "support/ShortThread.h"
+#include "support/Survive.h"
+#include "support/ThreadStack.h"
 #include "support/Tools.h"
 
 namespace keywarden {
@@ -45,6 +51,7 @@ Service::~Service() {
         const std::lock_guard<std::mutex> guard(serviceMutex_);
         ending_ = true;
     }
+    endingBegins_.notify_all();
     endReloadThread();
     if (loaded_)
         unloadAtTheEnd();
@@ -60,13 +67,14 @@ void Service::unloadAtTheEnd() {
         // The owner's library threw. Its object is still there, and so is the type of what it threw.
         Log::write(SeverityError, "Exception while stopping the service " + getServiceId() + ": " +
                                       Failure::current().text());
-        haltTimer();
+        timer_.end();
         removePipes(Stop::ForGood);
     }
 }
 
 void Service::stopThreads() {
     stopTimer();
+    timer_.end();
     if (readerThread_ != 0)
         stopHandler();
     removePipes(Stop::ForGood);
@@ -81,6 +89,7 @@ void Service::load() {
     checkServiceConfig();
     checkServiceDirectory();
     loadStores();
+    tellAgain();
     callbacks_->started();
     loaded_ = true;
     // The word "Reload" stands here at every start.
@@ -97,11 +106,13 @@ void Service::loadCallbacks() {
         throw std::runtime_error("No callbacks to load");
 }
 
+// Only root and the daemon user can have put something else in its place.
 void Service::preparePipesDirectory() {
-    Tools::createDirectory(pipesDirectory(), kPipesMode);
+    const std::string root = DaemonConfiguration::getNamePipesDirectory();
+    pipes_ = Folder::at(root, Folder::Owner::Anybody)->makeAnyway(getServiceId(), kPipesMode);
     // A daemon user who is no member may not give the group away; the check that follows says so by name.
     try {
-        Tools::changeGroup(pipesDirectory(), getManagementGroup());
+        pipes_->setGroup(getManagementGroup());
     } catch (...) {
         Log::write(SeverityError, Failure::current().text());
     }
@@ -180,7 +191,11 @@ void Service::unload(Stop stop) {
             callbacks_->stopped();
         loaded_ = false;
         // Such a notification may have started the timer again; from here on none does.
-        haltTimer();
+        // A reload keeps the thread: there may be no other one to be had.
+        if (stop == Stop::ForReload)
+            timer_.stop();
+        else
+            timer_.end();
         releaseObjects();
     }
     removePipes(stop);
@@ -194,21 +209,24 @@ void Service::releaseObjects() {
     callbacks_.reset();
 }
 
-void Service::removePipes(Stop stop) const {
-    const std::string directory = pipesDirectory();
-    if (!Tools::fileExist(directory))
-        return;
-    if (stop == Stop::ForGood) {
-        if (Tools::removeFiles(directory) != 0)
-            Log::write(SeverityNotice,
-                       "Failed to remove file '" + directory + "' for service-" + getServiceId());
-        return;
-    }
-    std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator(directory, ignored)) {
-        const std::string path = entry.path().string();
-        if (path != outputPath() && path != lockPath() && Tools::removeFiles(path) != 0)
-            Log::write(SeverityNotice, "Failed to remove file '" + path + "' for service-" + getServiceId());
+void Service::removePipes(Stop stop) {
+    std::optional<std::string> left;
+    if (stop == Stop::ForGood)
+        left = removePipesFolder() ? std::make_optional(pipesDirectory()) : std::nullopt;
+    else if (pipes_)
+        left = pipes_->empty({outputName(), lockName()});
+    if (left)
+        Log::write(SeverityNotice, "Failed to remove file '" + *left + "' for service-" + getServiceId());
+}
+
+// Returns what could not be removed.
+std::optional<std::string> Service::removePipesFolder() {
+    pipes_.reset();
+    try {
+        return Folder::at(DaemonConfiguration::getNamePipesDirectory(), Folder::Owner::Anybody)
+            ->removeTree(getServiceId());
+    } catch (const FileWriteError& error) {
+        return error.errorNumber() == ENOENT ? std::nullopt : std::make_optional(pipesDirectory());
     }
 }
 
@@ -222,13 +240,17 @@ void Service::reload() {
             ServiceConfiguration::reload();
             load();
         }
-        initTimer();
-        startHandler(Stop::ForReload);
+        initTimer(Attempts::Endless);
+        startHandler(Stop::ForReload, Attempts::Endless);
         Log::write(SeverityNotice, "The service " + id + " is reloaded.");
     } catch (...) {
         const Failure failure = Failure::current();
-        loaded_ = false;
-        haltTimer();
+        {
+            // A network or time notification that is at work on the service starts the timer under the mutex.
+            const std::lock_guard<std::mutex> guard(serviceMutex_);
+            loaded_ = false;
+            timer_.stop();
+        }
         Log::write(SeverityError,
                    failure.runtimeMessage("Runtime error caught while reloading service-'" + id + "': ",
                                           "Std exception caught while reloading service-'" + id + "': ",
@@ -248,10 +270,10 @@ Answer Service::reloadForRequester() {
                                           "Unknown exception" + of + ".");
         Log::write(SeverityError, text);
     }
-    // Without a reader nobody could ask for the status any more.
+    // Before the answer: whoever has it may ask for the status at once.
     try {
         if (readerThread_ == 0)
-            startHandler(Stop::ForReload);
+            startHandler(Stop::ForReload, Attempts::One);
     } catch (...) {
         Log::write(SeverityError, Failure::current().text());
     }
@@ -284,10 +306,15 @@ void Service::endReloadThread() {
 void* Service::threadReloadFunc(void* service) {
     Cancellation::prepareThread();
     auto* const self = static_cast<Service*>(service);
-    const Answer answer = self->reloadForRequester();
+    Answer answer{AnswerFailure, "Out of memory"};
+    survives("A reload",
+             [self, &answer] { runInShortThread([self, &answer] { answer = self->reloadForRequester(); }); });
     // Before the answer: whoever has it may ask again at once.
     self->reloadRuns_ = false;
     self->sendResponse(answer.code, answer.text);
+    self->listenAfterAll();
+    // The rest of the stack stays until this thread is joined, which may be days later.
+    ThreadStack::giveBackUnused();
     return nullptr;
 }
 
@@ -301,6 +328,54 @@ void Service::notifyAllServicesStarted() {
     // Without the mutex: the script may well ask the service something, now that it listens.
     if (callbacks)
         callbacks->allStarted();
+}
+
+// What the owner missed in an earlier run, because it was cut off by a stop, a kill or a power cut.
+void Service::tellAgain() {
+    tellAgain(trustedClients_.get());
+    tellAgain(caStore_.get());
+}
+
+void Service::tellAgain(ExternalCertificatesStorage* store) {
+    if (store == nullptr)
+        return;
+    for (const std::vector<std::string>& event : store->toBeTold())
+        if (!tellAgain(*store, event.front(), {event.begin() + 1, event.end()}))
+            return;
+    // Struck out together: one that is told twice does no harm, one that is forgotten does.
+    store->told();
+}
+
+bool Service::tellAgain(ExternalCertificatesStorage& store, const std::string& event,
+                        const std::vector<std::string>& ids) {
+    Log::write(SeverityNotice, "The owner of the service '" + getServiceId() +
+                                   "' is told again of the event '" + store.storeName() + " " + event +
+                                   "' for " + ids.front() + ".");
+    try {
+        if (event == "new")
+            callbacks_->newExternalCertificate(store.storeName(), ids.front());
+        else
+            callbacks_->revokedExternalCertificate(store.storeName(), ids);
+    } catch (...) {
+        // A library that throws was told all the same.
+        store.told();
+        throw;
+    }
+    return wasDelivered(*callbacks_);
+}
+
+// Cut off by a stop, an event is told again at the next start. A library that throws was told all the same.
+// `isOnly`: nothing older is still to be told.
+void Service::tell(ExternalCertificatesStorage& store, bool isOnly,
+                   const std::function<void()>& event) const {
+    try {
+        event();
+    } catch (...) {
+        store.told();
+        throw;
+    }
+    if (isOnly && wasDelivered(*callbacks_))
+        store.told();
 }
 
 std::string Service::pipesDirectory() const {

@@ -3,16 +3,29 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "config/ServiceConfiguration.h"
 #include "service/Answer.h"
+#include "service/TimerControl.h"
+#include "support/Folder.h"
+#include "support/KeywardenDaemonException.h"
 
 namespace keywarden {
+
+/// What may be the doing of the service's group, who share the folder of the pipe files: no reason to end the
+/// daemon.
+class PipesNotMade : public KeywardenDaemonException {
+  public:
+    using KeywardenDaemonException::KeywardenDaemonException;
+};
 
 class CertificateAuthority;
 class Commands;
@@ -26,8 +39,8 @@ class TrustedCertificate;
 /// and its command channel.
 ///
 /// Locks: the service mutex is held by whoever works on the certificates; the timer control, a leaf, by
-/// whoever starts or stops the timer thread. A thread that holds the service mutex may stop the timer: the
-/// timer waits for that mutex in a way that can be cancelled.
+/// whoever starts or stops the timer. A thread that holds the service mutex may stop the timer, which then
+/// gives up waiting for that mutex.
 class Service : public ServiceConfiguration {
   public:
     /// Reads the service's file and loads it. Throws KeywardenDaemonException, or what reading the file
@@ -53,7 +66,9 @@ class Service : public ServiceConfiguration {
     void timeChanged();
 
     // Timer (ServiceTimer.cpp).
+    /// Starts the timer of a service with a server; waits a moment for a thread when there is none.
     void initTimer();
+    /// Throws KeywardenDaemonException when there is no thread to be had. Only the first start needs one.
     void startTimer();
     void stopTimer();
     /// Seconds from `now` (since the epoch) to the next daily check, which is due `offset` seconds before
@@ -61,7 +76,11 @@ class Service : public ServiceConfiguration {
     [[nodiscard]] static std::int64_t secondsUntilCheck(std::int64_t now, std::uint32_t offset);
 
     // Command channel (ServiceChannel.cpp) and dispatch (ServiceDispatch.cpp).
+    /// Throws KeywardenDaemonException; PipesNotMade when it is the pipe files that cannot be made.
     void startHandler();
+    /// After that: the reader's own thread makes them as soon as that is possible. Throws when there is no
+    /// thread.
+    void startHandlerLater();
     void stopHandler();
     void sendResponse(int code, const std::string& text) const;
     /// Runs one command; the service mutex is held. Nothing when the answer comes later (a reload).
@@ -72,9 +91,14 @@ class Service : public ServiceConfiguration {
     /// lock it holds stay.
     enum class Stop { ForGood, ForReload };
 
+    /// How often a thread is asked for when there is none to be had, with growing pauses: Few takes a second
+    /// or two, Endless is as long as the service lives.
+    enum class Attempts { One, Few, Endless };
+
     struct Request {
         std::string text;
         bool overdue = false;  ///< its writer was given up before it had ended
+        bool isLost = false;   ///< there was no memory for it
     };
 
     void loadCallbacks();
@@ -88,24 +112,42 @@ class Service : public ServiceConfiguration {
     void unloadAtTheEnd();
     void stopThreads();
     void releaseObjects();
-    void removePipes(Stop stop) const;
+    void removePipes(Stop stop);
+    std::optional<std::string> removePipesFolder();
+    void tellAgain();
+    void tellAgain(ExternalCertificatesStorage* store);
+    /// Whether the owner has it.
+    [[nodiscard]] bool tellAgain(ExternalCertificatesStorage& store, const std::string& event,
+                                 const std::vector<std::string>& ids);
+    void tell(ExternalCertificatesStorage& store, bool isOnly, const std::function<void()>& event) const;
     [[nodiscard]] Answer reloadForRequester();
     void endReloadThread();
     static void* threadReloadFunc(void* service);
 
     void renewForNetwork();
+    void checkAndStartTimer();
     void restartTimer();
+    void startTimerAgain();
 
-    /// False when no timer ran.
-    bool haltTimer();
+    void initTimer(Attempts attempts);
+    void startTimer(Attempts attempts);
     static void* timer(void* service);
     void runTimer();
     void checkAtTimer();
 
-    void startHandler(Stop before);
+    void startHandler(Stop before, Attempts attempts);
     void stopHandler(Stop stop);
-    void makeLockFile(const std::string& path) const;
-    static void* commandLineAnalyser(void* service);
+    void makePipes(Stop before);
+    void makeInputFifo();
+    void makeLockFile() const;
+    void startReader(Attempts attempts, void* (*body)(void*));
+    void listenAfterAll();
+    /// Waits between the attempts, each failure of which is logged; false when the last one failed too.
+    [[nodiscard]] bool succeeds(const std::function<bool()>& attempt, Attempts attempts,
+                                const std::string& failure);
+    [[noreturn]] static void* commandLineAnalyser(void* service);
+    [[noreturn]] static void* pipesMaker(void* service);
+    [[noreturn]] void keepReading();
     void readRequests();
     [[nodiscard]] bool readRequest(FifoReader& reader, Request& request) const;
     void answerRequest(const Request& request);
@@ -119,27 +161,35 @@ class Service : public ServiceConfiguration {
     [[nodiscard]] Answer createCsr(const Commands& command);
     [[nodiscard]] Answer applyCrt(const Commands& command);
     [[nodiscard]] Answer revokeServer();
+    [[nodiscard]] Answer addTo(ExternalCertificatesStorage& store, const std::string& path);
+    [[nodiscard]] Answer revokeFrom(ExternalCertificatesStorage& store, const std::vector<std::string>& ids);
     [[nodiscard]] Answer execStore(const Commands& command, ExternalCertificatesStorage* store,
                                    const std::string& missing, const std::string& badCommand);
 
     [[nodiscard]] std::string pipesDirectory() const;
+    [[nodiscard]] std::string inputName() const { return getServiceId() + ".in"; }
+    [[nodiscard]] std::string outputName() const { return getServiceId() + ".out"; }
+    [[nodiscard]] std::string lockName() const { return getServiceId() + ".lock"; }
     [[nodiscard]] std::string inputPath() const;
     [[nodiscard]] std::string outputPath() const;
     [[nodiscard]] std::string lockPath() const;
 
     std::atomic<bool> loaded_{false};
+    /// The service's pipes folder, which its management group may write: held open while the service has one,
+    /// so that nothing there is reached by a path.
+    FolderPtr pipes_;
     std::shared_ptr<ServiceCallbacks> callbacks_;
     std::unique_ptr<Server> server_;
     std::unique_ptr<TrustedCertificate> trustedClients_;
     std::unique_ptr<CertificateAuthority> caStore_;
     std::mutex serviceMutex_;
-    std::mutex timerControl_;
+    TimerControl timer_;
     // 0: no thread.
     pthread_t readerThread_ = 0;
-    pthread_t timerThread_ = 0;
     pthread_t reloadThread_ = 0;
     std::atomic<bool> reloadRuns_{false};
     bool ending_ = false;  ///< being destroyed; guarded by the service mutex
+    std::condition_variable endingBegins_;
 };
 
 }  // namespace keywarden

@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 
+#include "daemon/DaemonConfiguration.h"
 #include "service/Commands.h"
 #include "service/Service.h"
 #include "support/Accounts.h"
@@ -17,10 +18,12 @@
 #include "support/Debug.h"
 #include "support/Failure.h"
 #include "support/FifoReader.h"
+#include "support/FileStatus.h"
+#include "support/GrowingPause.h"
 #include "support/KeywardenDaemonException.h"
 #include "support/Log.h"
 #include "support/StopRequest.h"
-#include "support/Tools.h"
+#include "support/Survive.h"
 #include "support/UniqueFd.h"
 
 namespace keywarden {
@@ -37,21 +40,25 @@ constexpr FifoLimits kRequestLimits{10000, 60000};
 constexpr std::int64_t kPatienceMilliseconds = 30000;
 constexpr std::int64_t kPatienceAtTheEndMilliseconds = 1000;
 constexpr int kYields = 4;
+// Of writing one answer, when there was no memory for it.
+constexpr int kAnswerAttempts = 4;
+constexpr std::int64_t kFirstAnswerPauseMilliseconds = 20;
 constexpr std::int64_t kLongestRetryMilliseconds = 20;
 
 // An input fifo that somebody moved to the place of an output would make requests of answers, without end.
-bool isRequestersFifo(int descriptor) {
-    struct stat info {};
-    return ::fstat(descriptor, &info) == 0 && S_ISFIFO(info.st_mode) &&
-           !(info.st_uid == ::geteuid() && (info.st_mode & 07777U) == kInputMode);
+bool isRequestersFifo(const FileStatus& status) {
+    return status.isFifo() && !(status.uid == ::geteuid() && status.permissions() == kInputMode);
 }
 
-// Opening one fails like opening a fifo without a reader. Leaves errno as that failure set it.
-bool isSocket(const std::string& path) {
-    struct stat info {};
-    const bool socket = ::lstat(path.c_str(), &info) == 0 && S_ISSOCK(info.st_mode);
-    errno = ENXIO;
-    return socket;
+// Says nothing against the fifo: only this process, or the whole device, has no room for it now.
+bool isScarcity(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOMEM;
+}
+
+// Opening one fails like opening a fifo without a reader.
+bool isSocket(const Folder& folder, const std::string& name) {
+    const auto status = folder.status(name);
+    return status && status->isSocket();
 }
 
 /// How long an answer may wait for its requester; a stop of the daemon cuts it short.
@@ -61,7 +68,7 @@ class Patience {
 
     [[nodiscard]] bool isOver() const {
         const std::int64_t spent = Clock::monotonicMilliseconds() - start_;
-        return spent >= limit_ || (StopRequest::isRaised() && StopRequest::millisecondsLeft() == 0);
+        return spent >= limit_ || StopRequest::millisecondsOfStop(start_) >= kPatienceAtTheEndMilliseconds;
     }
 
   private:
@@ -73,57 +80,85 @@ class Patience {
 /// a fifo that later stands in its place is the next requester's, who must not get this answer.
 class AwaitedFifo {
   public:
-    // False, with errno ENOENT, when something else stands in its place by now.
-    bool isStillAt(const std::string& path) {
+    AwaitedFifo(const Folder& folder, const std::string& name) : folder_(folder), name_(name) {}
+
+    // False, with errno ENOENT, when something else stands in its place by now; or with another errno when it
+    // cannot be looked at.
+    bool isStillThere() {
         if (!fifo_)
-            fifo_ = UniqueFd(::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-        struct stat info {};
-        return ::lstat(path.c_str(), &info) == 0 && isThis(info);
-    }
-
-    // The same for a fifo that has just been opened.
-    [[nodiscard]] bool isThis(int descriptor) const {
-        struct stat info {};
-        return !fifo_ || (::fstat(descriptor, &info) == 0 && isThis(info));
-    }
-
-  private:
-    [[nodiscard]] bool isThis(const struct stat& other) const {
-        struct stat own {};
-        const bool same = fifo_ && ::fstat(fifo_.get(), &own) == 0 && own.st_dev == other.st_dev &&
-                          own.st_ino == other.st_ino;
+            fifo_ = UniqueFd(::openat(folder_.get(), name_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        // Without a descriptor to spare its number has to do.
+        if (!known_)
+            known_ = fifo_ ? statusOf(fifo_.get()) : folder_.status(name_);
+        const auto there = known_ ? folder_.status(name_) : std::nullopt;
+        if (!there)
+            return false;
+        const bool same = there->isSameFile(*known_);
         errno = same ? errno : ENOENT;
         return same;
     }
 
+    // The same for a fifo that has just been opened.
+    [[nodiscard]] bool isThis(const FileStatus& opened) const {
+        return !known_ || opened.isSameFile(*known_);
+    }
+
+  private:
+    const Folder& folder_;
+    const std::string& name_;
     UniqueFd fifo_;
+    std::optional<FileStatus> known_;
 };
 
-// Nobody may be held up by a requester who made its fifo and does not read: so never a blocking open. One
-// that is just about to open it is first given the processor, then more and more time. errno tells why there
-// is none.
-UniqueFd openForAnswer(const std::string& path, const Patience& patience) {
-    AwaitedFifo awaited;
-    std::int64_t wait = 1;
-    for (int attempt = 0;; ++attempt) {
-        UniqueFd output(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
-        if (output && !isRequestersFifo(output.get())) {
-            errno = EINVAL;
-            output.reset();
-        } else if (output && !awaited.isThis(output.get())) {
-            output.reset();
-        }
-        if (output || errno != ENXIO || patience.isOver() || isSocket(path) || !awaited.isStillAt(path))
-            return output;
-        if (attempt < kYields) {
-            ::sched_yield();
-        } else {
-            Cancellation::sleep(wait);
-            wait = std::min(2 * wait, kLongestRetryMilliseconds);
-        }
-        // Before it is opened: the next requester would take the closing for an empty answer.
-        if (!awaited.isStillAt(path))
+// What was opened, unless it is none that may be answered; errno tells why.
+UniqueFd judged(UniqueFd output, const AwaitedFifo& awaited, const Patience& patience) {
+    auto status = statusOf(output.get());
+    // Open meanwhile: its requester would take the closing for an empty answer.
+    while (!status && isScarcity(errno) && !patience.isOver()) {
+        Cancellation::sleep(kLongestRetryMilliseconds);
+        status = statusOf(output.get());
+    }
+    const bool isFifo = status && isRequestersFifo(*status);
+    if (isFifo && awaited.isThis(*status))
+        return output;
+    output.reset();
+    errno = isFifo ? ENOENT : EINVAL;
+    return {};
+}
+
+// One that is just about to open its fifo is first given the processor, then more and more time.
+void pauseBefore(int attempt) {
+    if (attempt <= kYields)
+        ::sched_yield();
+    else
+        Cancellation::sleep(
+            std::min(std::int64_t{1} << std::min(attempt - kYields - 1, 10), kLongestRetryMilliseconds));
+}
+
+// Nobody may be held up by a requester who made its fifo and does not read: so never a blocking open. A want
+// of descriptors or memory is waited out in the same way. errno tells why there is none.
+UniqueFd openForAnswer(const Folder& folder, const std::string& name, const Patience& patience) {
+    AwaitedFifo awaited(folder, name);
+    bool there = true;
+    for (int attempt = 1;; ++attempt) {
+        UniqueFd output;
+        if (there)
+            output = UniqueFd(
+                ::openat(folder.get(), name.c_str(), O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+        if (output)
+            return judged(std::move(output), awaited, patience);
+        const int error = errno;
+        const bool isReaderMissing = error == ENXIO && !isSocket(folder, name);
+        if (patience.isOver() || !(isReaderMissing || isScarcity(error))) {
+            errno = error;
             return {};
+        }
+        // Before the pause, to know it again, and before it is opened: the next requester would take the
+        // closing for an empty answer.
+        if (!awaited.isStillThere() && !isScarcity(errno))
+            return {};
+        pauseBefore(attempt);
+        there = awaited.isStillThere();
     }
 }
 
@@ -153,49 +188,65 @@ bool writeAnswer(int output, const std::string& answer, const Patience& patience
 }  // namespace
 
 void Service::startHandler() {
-    startHandler(Stop::ForGood);
+    startHandler(Stop::ForGood, Attempts::Few);
 }
 
-void Service::startHandler(Stop before) {
+void Service::startHandler(Stop before, Attempts attempts) {
+    makePipes(before);
+    startReader(attempts, commandLineAnalyser);
+}
+
+void Service::startHandlerLater() {
+    startReader(Attempts::Few, pipesMaker);
+}
+
+void Service::makePipes(Stop before) {
     const std::string& id = getServiceId();
     const std::string directory = pipesDirectory();
-    Tools::createDirectory(directory, kPipesMode);
+    pipes_ = Folder::at(DaemonConfiguration::getNamePipesDirectory(), Folder::Owner::Anybody)
+                 ->makeAnyway(id, kPipesMode);
     try {
-        Tools::changeGroup(directory, getManagementGroup());
+        pipes_->setGroup(getManagementGroup());
     } catch (...) {
         Log::write(SeverityError,
                    "Failed to change group of temporary file " + directory + " for service " + id);
     }
-    if (::chmod(directory.c_str(), kPipesMode) != 0)
+    try {
+        pipes_->setMode(kPipesMode);
+    } catch (...) {
         throw KeywardenDaemonException(
             "Failed to assign required permissions to temporary file for service " + id);
-    const std::string input = inputPath();
-    ::unlink(input.c_str());
-    if (::mkfifo(input.c_str(), kInputMode) != 0)
-        throw KeywardenDaemonException("Failed to create Fifo IN for service " + id);
-    // The group's members may write the folder: a link that one of them puts here is not followed.
-    const auto group = groupIdOf(getManagementGroup());
-    if (group && ::lchown(input.c_str(), static_cast<uid_t>(-1), *group) != 0)
-        Log::write(SeverityError,
-                   "Change the group of file: " + input + " to:" + getManagementGroup() + "' failed.");
-    if (!FifoReader::setMode(input, kInputMode))
-        throw KeywardenDaemonException("Error to assign required permissions to file '" + input +
-                                       "' for service: " + id);
-    // At a reload the requester may hold the lock of the file that is there.
-    if (before == Stop::ForGood || !Tools::fileExist(lockPath()))
-        makeLockFile(lockPath());
-    if (::pthread_create(&readerThread_, nullptr, commandLineAnalyser, this) != 0) {
-        readerThread_ = 0;
-        throw KeywardenDaemonException("Impossible to start the handler for service " + id);
     }
+    makeInputFifo();
+    // At a reload the requester may hold the lock of the file that is there.
+    if (before == Stop::ForGood || !pipes_->has(lockName()))
+        makeLockFile();
 }
 
-void Service::makeLockFile(const std::string& path) const {
+void Service::makeInputFifo() {
+    const std::string input = inputPath();
+    const UniqueFd end = pipes_->makeFifo(inputName(), kInputMode, std::string());
+    if (!end)
+        throw PipesNotMade("Failed to create Fifo IN for service " + getServiceId());
+    try {
+        giveToGroup(end.get(), input, getManagementGroup());
+    } catch (...) {
+        Log::write(SeverityError,
+                   "Change the group of file: " + input + " to:" + getManagementGroup() + "' failed.");
+    }
+    if (::fchmod(end.get(), kInputMode) != 0)
+        throw KeywardenDaemonException("Error to assign required permissions to file '" + input +
+                                       "' for service: " + getServiceId());
+}
+
+// Under a name of its own first: what others put in its place again and again is replaced all the same.
+void Service::makeLockFile() const {
     const std::string& id = getServiceId();
-    ::unlink(path.c_str());
-    const UniqueFd lock(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    const std::string path = lockPath();
+    const std::string fresh = Folder::nameBeside(lockName());
+    const UniqueFd lock = pipes_->create(fresh);
     if (!lock)
-        throw KeywardenDaemonException("Failed create the lock file: '" + path + "' for service: " + id);
+        throw PipesNotMade("Failed create the lock file: '" + path + "' for service: " + id);
     try {
         giveToGroup(lock.get(), path, getManagementGroup());
     } catch (...) {
@@ -205,9 +256,14 @@ void Service::makeLockFile(const std::string& path) const {
                                                                     "Std exception" + of + file + " ",
                                                                     "Unknown exception" + of + file + "."));
     }
-    if (::fchmod(lock.get(), kLockMode) != 0)
-        throw KeywardenDaemonException("Failed to assign required permissions to path lock file '" + path +
-                                       "' for service " + id);
+    const bool hasMode = ::fchmod(lock.get(), kLockMode) == 0;
+    if (hasMode && pipes_->putInPlace(fresh, lockName()))
+        return;
+    static_cast<void>(pipes_->remove(fresh));
+    if (hasMode)
+        throw PipesNotMade("Failed create the lock file: '" + path + "' for service: " + id);
+    throw KeywardenDaemonException("Failed to assign required permissions to path lock file '" + path +
+                                   "' for service " + id);
 }
 
 void Service::stopHandler() {
@@ -220,35 +276,38 @@ void Service::stopHandler(Stop stop) {
         ::pthread_join(readerThread_, nullptr);
         readerThread_ = 0;
     }
-    const auto remove = [](const std::string& path) {
-        if (Tools::removeFile(path) != 0)
-            Log::write(SeverityError, "Error to remove file: '" + path + "'.");
+    const auto remove = [this](const std::string& name) {
+        if (!pipes_ || !pipes_->remove(name))
+            Log::write(SeverityError, "Error to remove file: '" + pipesDirectory() + "/" + name + "'.");
     };
-    remove(inputPath());
+    remove(inputName());
     if (stop == Stop::ForReload)
         return;
-    respond(AnswerNotPossible, "The daemon just terminate", kPatienceAtTheEndMilliseconds);
-    remove(lockPath());
-    Tools::removeFiles(pipesDirectory());
+    survives("The last answer", [this] {
+        respond(AnswerNotPossible, "The daemon just terminate", kPatienceAtTheEndMilliseconds);
+    });
+    remove(lockName());
+    if (pipes_)
+        static_cast<void>(removePipesFolder());
 }
 
 void* Service::commandLineAnalyser(void* service) {
     Cancellation::prepareThread();
-    static_cast<Service*>(service)->readRequests();
-    return nullptr;
+    static_cast<Service*>(service)->keepReading();
 }
 
 void Service::readRequests() {
     Log::open();
     Log::write(SeverityInfo, "Entering the command line analyzer for service " + getServiceId());
-    FifoReader reader(inputPath(), kInputMode, getManagementGroup(), kRequestLimits);
+    FifoReader reader(pipes_, inputName(), kInputMode, getManagementGroup(), kRequestLimits);
     bool usable = reader.open();
     while (usable) {
         Request request;
         usable = readRequest(reader, request);
-        debugTrace("Received: " + request.text);
-        if (!request.text.empty())
+        if (!request.text.empty() || request.isLost)
             answerRequest(request);
+        else
+            debugTrace("Received: ");
     }
     Log::write(SeverityError, "Error during opening file: " + inputPath() +
                                   ". Hence, exiting the command analyzer for service: " + getServiceId());
@@ -257,23 +316,33 @@ void Service::readRequests() {
 bool Service::readRequest(FifoReader& reader, Request& request) const {
     std::array<char, kChunk> chunk;
     for (;;) {
-        const ssize_t count = reader.read(chunk.data(), chunk.size());
+        ssize_t count = 0;
+        const auto readOn = [&] {
+            count = reader.read(chunk.data(), chunk.size());
+            // One byte over the limit is kept, so that the request is seen to be too long.
+            const std::size_t room = kLongestRequest + 1 - request.text.size();
+            if (count > 0)
+                request.text.append(chunk.data(), std::min(static_cast<std::size_t>(count), room));
+        };
+        // The rest is read all the same: it must not become the beginning of the next one.
+        if (!survives("Reading a request", readOn))
+            request.isLost = true;
         request.overdue = count == FifoReader::kOverdue;
         if (count <= 0)
             return count == 0 || request.overdue;
-        // One byte over the limit is kept, so that the request is seen to be too long.
-        const std::size_t room = kLongestRequest + 1 - request.text.size();
-        request.text.append(chunk.data(), std::min(static_cast<std::size_t>(count), room));
     }
 }
 
 void Service::answerRequest(const Request& request) {
     std::optional<Answer> answer;
-    Cancellation::lock(serviceMutex_);
-    {
+    const auto handle = [&] {
+        debugTrace("Received: " + request.text);
+        Cancellation::lock(serviceMutex_);
         const std::lock_guard<std::mutex> guard(serviceMutex_, std::adopt_lock);
         answer = processRequest(request);
-    }
+    };
+    if (request.isLost || !survives("Handling a request", handle))
+        answer = Answer{AnswerFailure, "Out of memory"};
     if (answer)
         sendResponse(answer->code, answer->text);
 }
@@ -298,20 +367,29 @@ std::optional<Answer> Service::processRequest(const Request& request) {
     }
 }
 
+// What fails by an exception has not begun to write.
 void Service::sendResponse(int code, const std::string& text) const {
-    respond(code, text, kPatienceMilliseconds);
+    GrowingPause pause(kFirstAnswerPauseMilliseconds);
+    const auto answer = [&] { respond(code, text, kPatienceMilliseconds); };
+    for (int made = 1; !survives("Answering a request", answer) && made < kAnswerAttempts; ++made)
+        Cancellation::sleep(pause.next());
 }
 
 void Service::respond(int code, const std::string& text, std::int64_t patienceMilliseconds) const {
     debugTrace("Send: " + std::to_string(code) + " - " + text);
     const std::string path = outputPath();
     const std::string answer = std::to_string(code) + " " + text;
+    // All that needs memory is made before the fifo is open: its closing would be an empty answer.
+    const std::string sending = "Sending: " + answer;
     const Patience patience(patienceMilliseconds);
-    const UniqueFd output = openForAnswer(path, patience);
+    const FolderPtr folder = pipes_;
+    errno = ENOENT;
+    const UniqueFd output = folder ? openForAnswer(*folder, outputName(), patience) : UniqueFd();
     if (output) {
-        debugTrace("Sending: " + answer);
+        debugTrace(sending);
         if (!writeAnswer(output.get(), answer, patience))
-            Log::write(SeverityError, "Error during communication of: " + answer);
+            survives("Answering a request",
+                     [&answer] { Log::write(SeverityError, "Error during communication of: " + answer); });
     } else if (errno == ENOENT) {
         Log::write(SeverityWarning,
                    "'" + path +
@@ -324,8 +402,10 @@ void Service::respond(int code, const std::string& text, std::int64_t patienceMi
 
 void Service::releaseRequesterLock() const {
     const std::string path = lockPath();
-    const UniqueFd lock(
-        ::open(path.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, kLockMode));
+    const FolderPtr folder = pipes_;
+    const UniqueFd lock(folder ? ::openat(folder->get(), lockName().c_str(),
+                                          O_WRONLY | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, kLockMode)
+                               : -1);
     if (lock)
         ::flock(lock.get(), LOCK_UN);
     else

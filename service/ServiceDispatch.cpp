@@ -12,6 +12,7 @@
 #include "support/Failure.h"
 #include "support/KeywardenDaemonException.h"
 #include "support/Log.h"
+#include "support/ShortThread.h"
 
 namespace keywarden {
 
@@ -36,7 +37,11 @@ const std::string& firstArgument(const Commands& command, const std::string& mis
 std::optional<Answer> Service::execCmd(Commands& command) {
     Log::open();
     try {
-        return dispatch(command);
+        if (command.getTarget() == Commands::TargetConfig)
+            return dispatch(command);
+        std::optional<Answer> answer;
+        runInShortThread([this, &command, &answer] { answer = dispatch(command); });
+        return answer;
     } catch (...) {
         const Failure failure = Failure::current();
         const std::string of = " during user request process for service '" + getServiceId() + "'";
@@ -139,37 +144,59 @@ Answer Service::revokeServer() {
         server_->revokeCrt();
         return {};
     }
-    restartTimer();
+    stopTimer();
+    debugTrace("Stop timer success.");
+    startTimerAgain();
+    debugTrace("Start timer success.");
     Log::write(SeverityNotice, "Revoke request processed for service: " + getServiceId());
     return {};
 }
 
-void Service::restartTimer() {
-    stopTimer();
-    debugTrace("Stop timer success.");
-    startTimer();
-    debugTrace("Start timer success.");
+Answer Service::addTo(ExternalCertificatesStorage& store, const std::string& path) {
+    tellAgain(&store);
+    const bool isOnly = store.toBeTold().empty();
+    std::string id;
+    try {
+        id = store.add(path);
+    } catch (...) {
+        // It may lie in the store all the same.
+        tellAgain(&store);
+        throw;
+    }
+    tell(store, isOnly, [&] { callbacks_->newExternalCertificate(store.storeName(), id); });
+    return {AnswerSuccess, id};
+}
+
+Answer Service::revokeFrom(ExternalCertificatesStorage& store, const std::vector<std::string>& ids) {
+    tellAgain(&store);
+    const bool isOnly = store.toBeTold().empty();
+    CertificateIdList revoked;
+    try {
+        revoked = store.revoke(ids);
+    } catch (...) {
+        // Some may be gone all the same.
+        tellAgain(&store);
+        throw;
+    }
+    if (!revoked.empty())
+        tell(store, isOnly,
+             [&] { callbacks_->revokedExternalCertificate(store.storeName(), revoked.toArray()); });
+    return {AnswerSuccess, revoked.toTextList()};
 }
 
 Answer Service::execStore(const Commands& command, ExternalCertificatesStorage* store,
                           const std::string& missing, const std::string& badCommand) {
+    // Answered alone, unlike a missing server.
     if (store == nullptr)
-        return logged(AnswerNotPossible, missing);
+        return {AnswerNotPossible, missing};
     switch (command.getCommand()) {
-        case Commands::CommandAdd: {
-            const std::string id = store->add(command.getArguments().front());
-            callbacks_->newExternalCertificate(store->storeName(), id);
-            return {AnswerSuccess, id};
-        }
+        case Commands::CommandAdd:
+            return addTo(*store, command.getArguments().front());
         case Commands::CommandGetCertInfo:
             return {AnswerSuccess,
                     store->getCertInfo(firstArgument(command, "The id of the certificate is missing."))};
-        case Commands::CommandRevoke: {
-            const CertificateIdList revoked = store->revoke(command.getArguments());
-            if (!revoked.empty())
-                callbacks_->revokedExternalCertificate(store->storeName(), revoked.toArray());
-            return {AnswerSuccess, revoked.toTextList()};
-        }
+        case Commands::CommandRevoke:
+            return revokeFrom(*store, command.getArguments());
         default:
             return {AnswerBadCommand, badCommand};
     }

@@ -37,8 +37,7 @@ void Service::renewForNetwork() {
         return;
     }
     // The next daily check is computed afresh.
-    stopTimer();
-    startTimer();
+    restartTimer();
 }
 
 void Service::timeChanged() {
@@ -55,10 +54,20 @@ void Service::timeChanged() {
         // A reload may have come in between.
         if (!loaded_ || !server_)
             return;
-        server_->checkTimeValidity();
-        startTimer();
+        checkAndStartTimer();
     }
     Log::write(SeverityNotice, "The service " + id + " checked server certificate because time changed.");
+}
+
+void Service::checkAndStartTimer() {
+    try {
+        server_->checkTimeValidity();
+    } catch (...) {
+        // The daemon may go on after the failure, and then so does the daily check.
+        startTimerAgain();
+        throw;
+    }
+    startTimerAgain();
 }
 
 }  // namespace keywarden

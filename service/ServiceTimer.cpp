@@ -6,6 +6,8 @@
 #include "support/Failure.h"
 #include "support/KeywardenDaemonException.h"
 #include "support/Log.h"
+#include "support/ShortThread.h"
+#include "support/Survive.h"
 
 namespace keywarden {
 
@@ -16,39 +18,55 @@ constexpr std::int64_t kSecondsPerDay = 86400;
 }  // namespace
 
 void Service::initTimer() {
+    initTimer(Attempts::Few);
+}
+
+void Service::initTimer(Attempts attempts) {
     if (isServer())
-        startTimer();
+        startTimer(attempts);
+    else
+        timer_.end();
 }
 
 void Service::startTimer() {
+    startTimer(Attempts::One);
+}
+
+void Service::startTimer(Attempts attempts) {
     const std::string starting = "The service " + getServiceId() + " is starting his timer...";
+    const std::string failure = "Impossible to start the timer for the service " + getServiceId();
     Log::write(SeverityInfo, starting);
-    const std::lock_guard<std::mutex> guard(timerControl_);
-    if (timerThread_ != 0) {
-        Log::write(SeverityInfo, starting + " already running.");
-        return;
+    TimerControl::Started started = TimerControl::Started::Impossible;
+    const auto attempt = [&] {
+        started = timer_.start(timer, this);
+        return started != TimerControl::Started::Impossible;
+    };
+    if (!succeeds(attempt, attempts, failure))
+        throw KeywardenDaemonException(failure);
+    Log::write(SeverityInfo, started == TimerControl::Started::Before
+                                 ? starting + " already running."
+                                 : "The service " + getServiceId() + " started his timer.");
+}
+
+// A restart finds the thread of the first start. Where there is none yet a reload is waiting for it: that is
+// no failure of what asks for the restart.
+void Service::startTimerAgain() {
+    try {
+        startTimer();
+    } catch (const KeywardenDaemonException& error) {
+        Log::write(SeverityError, error.what());
     }
-    if (::pthread_create(&timerThread_, nullptr, timer, this) != 0) {
-        timerThread_ = 0;
-        throw KeywardenDaemonException("Impossible to start the timer for the service " + getServiceId());
-    }
-    Log::write(SeverityInfo, "The service " + getServiceId() + " started his timer.");
+}
+
+void Service::restartTimer() {
+    stopTimer();
+    startTimerAgain();
 }
 
 void Service::stopTimer() {
     Log::write(SeverityInfo, "The service " + getServiceId() + " is stopping its timer...");
-    if (haltTimer())
+    if (timer_.stop())
         Log::write(SeverityInfo, "The service " + getServiceId() + " stopped its timer.");
-}
-
-bool Service::haltTimer() {
-    const std::lock_guard<std::mutex> guard(timerControl_);
-    if (timerThread_ == 0)
-        return false;
-    ::pthread_cancel(timerThread_);
-    ::pthread_join(timerThread_, nullptr);
-    timerThread_ = 0;
-    return true;
 }
 
 std::int64_t Service::secondsUntilCheck(std::int64_t now, std::uint32_t offset) {
@@ -64,12 +82,12 @@ void* Service::timer(void* service) {
 
 void Service::runTimer() {
     for (;;) {
+        timer_.waitForStart();
         const std::int64_t wait = secondsUntilCheck(Clock::now(), getCertDailyExpiryChkTimeOffsetSecs());
-        if (!Cancellation::sleep(wait * 1000) || !isServer())
+        if (!timer_.sleep(wait * 1000) || !isServer() || !timer_.lock(serviceMutex_))
             continue;
-        Cancellation::lock(serviceMutex_);
         const std::lock_guard<std::mutex> guard(serviceMutex_, std::adopt_lock);
-        checkAtTimer();
+        survives("The daily check of a service", [this] { runInShortThread([this] { checkAtTimer(); }); });
     }
 }
 
@@ -77,6 +95,8 @@ void Service::checkAtTimer() {
     try {
         if (server_)
             server_->checkTimeValidity();
+        if (callbacks_)
+            tellAgain();
     } catch (...) {
         const Failure failure = Failure::current();
         const std::string text = failure.textOrNothing();

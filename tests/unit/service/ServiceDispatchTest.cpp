@@ -7,6 +7,7 @@
 #include "config/InternalCertificatesAccessor.h"
 #include "service/Commands.h"
 #include "testsupport/CertificateFactory.h"
+#include "testsupport/Traces.h"
 #include "x509/Inspection.h"
 
 namespace servicetest {
@@ -22,6 +23,7 @@ using testsupport::CertificateOptions;
 using testsupport::IssuedCertificate;
 using testsupport::makeCertificate;
 using testsupport::Sandbox;
+using testsupport::tracesOf;
 using Words = std::vector<std::string>;
 
 class ServiceDispatch : public ServiceTest {
@@ -113,8 +115,10 @@ TEST_F(ServiceDispatch, MissingObjectsAreSaidToBeMissing) {
     EXPECT_EQ(askFor("server", "createcsr"), "7 Server doesn't exist for " + id);
     EXPECT_EQ(askFor("server", "help"), "7 Server doesn't exist for " + id);
     EXPECT_EQ(CapturedLog::count(SeverityError, "Server doesn't exist for " + id), 2U);
+    CapturedLog::clear();
     EXPECT_EQ(askFor("ca", "list"), "7 CA doesn't exist for " + id);
     EXPECT_EQ(askFor("client", "list"), "7 Trusted certificate doesn't exist for " + id);
+    EXPECT_EQ(CapturedLog::lines(), Lines{}) << "only a missing server is logged";
 }
 
 TEST_F(ServiceDispatch, CommandWithoutATargetIsAnError) {
@@ -230,6 +234,27 @@ TEST_F(ServiceDispatch, RevokedSelfSignedCertificateIsMadeAnew) {
     EXPECT_EQ(seenTimerLines(), timerLines());
 }
 
+TEST_F(ServiceDispatch, OnlyARevocationTracesTheRestartOfTheTimer) {
+    runWith("server yes");
+    ASSERT_EQ(askFor("server", "createcsr"), "0 ");
+    const auto restart = [](const std::string& traces) {
+        std::string found;
+        for (const char* const line : {"Stop timer success.\n", "Start timer success.\n"})
+            if (traces.find(line) != std::string::npos)
+                found += line;
+        return found;
+    };
+    const std::string certificate = signedRequest();
+    std::string answer;
+    EXPECT_EQ(restart(tracesOf([&] { answer = askFor("server", "applycrt", {certificate}); })), "");
+    EXPECT_EQ(answer, "0 ");
+    configure("server yes\nselfSignedGeneration yes");
+    ASSERT_EQ(askFor("config", "reload"), "0 Reload Successful");
+    EXPECT_EQ(restart(tracesOf([&] { answer = askFor("server", "revoke"); })),
+              "Stop timer success.\nStart timer success.\n");
+    EXPECT_EQ(answer, "0 ");
+}
+
 TEST_F(ServiceDispatch, RevokedCASignedCertificateIsMadeAnewForThePresentNetwork) {
     const std::string caId = "pki" + id;
     configureOther(caId, "server yes\nselfSignedGeneration yes\nselfSignedValidity 366");
@@ -327,7 +352,8 @@ TEST_P(ServiceStores, FailuresToAddAreAnsweredWithTheirCodes) {
     EXPECT_EQ(askFor(target(), "add", {"/nonexistent"}),
               "1 " + daemonFailure("Certificate does not exist for /nonexistent"));
     const std::string garbage = sandbox().write("garbage.crt", "no certificate");
-    EXPECT_EQ(askFor(target(), "add", {garbage}), "9 " + daemonFailure("No valid certificate found."));
+    EXPECT_EQ(askFor(target(), "add", {garbage}),
+              "9 " + daemonFailure("Failed to read certificate from file: " + garbage));
     const auto [path, first] = certificateFile("first");
     ASSERT_EQ(askFor(target(), "add", {path}), "0 " + first);
     EXPECT_EQ(askFor(target(), "add", {path}).substr(0, 3), "42 ");

@@ -4,6 +4,7 @@
 #include <grp.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,7 +14,9 @@
 #include <filesystem>
 #include <sstream>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
+#include <utility>
 
 #include "network/NetworkConfiguration.h"
 #include "support/KeywardenDaemonException.h"
@@ -29,6 +32,20 @@ using testsupport::Sandbox;
 using testsupport::TestClock;
 using testsupport::TestDevice;
 using Clock = std::chrono::steady_clock;
+
+// A mount point: the tests have mounts of their own.
+Blocked::Blocked(std::string path) : path_(std::move(path)) {
+    std::filesystem::remove(path_);
+    std::filesystem::create_directory(path_);
+    if (::mount("tmpfs", path_.c_str(), "tmpfs", 0, nullptr) != 0)
+        throw std::runtime_error("cannot mount at " + path_);
+}
+
+Blocked::~Blocked() {
+    ::umount(path_.c_str());
+    std::error_code ignored;
+    std::filesystem::remove(path_, ignored);
+}
 
 Requester::Requester(const std::string& serviceId)
     : folder_(TestDevice::get().pipesDirectory() + "/" + serviceId),

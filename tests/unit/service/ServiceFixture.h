@@ -21,6 +21,18 @@ constexpr std::int64_t kNow = 1718459100;
 
 using Lines = std::vector<testsupport::LogLine>;
 
+/// Something that cannot be moved, removed or replaced, in a path's place.
+class Blocked {
+  public:
+    explicit Blocked(std::string path);
+    Blocked(const Blocked&) = delete;
+    Blocked& operator=(const Blocked&) = delete;
+    ~Blocked();
+
+  private:
+    std::string path_;
+};
+
 /// A user of a service's pipes.
 class Requester {
   public:

@@ -256,14 +256,14 @@ TEST_F(ServiceReload, FailureWithACodeIsAnsweredWithOne) {
 TEST_F(ServiceReload, FailureAfterTheLoadLeavesNoTimer) {
     configure("server yes");
     run();
-    // A folder where the input fifo has to be made.
+    // Something immovable where the input fifo has to be made.
     hold("start");
     Requester requester(id);
     requester.makeOutput();
     requester.openOutput();
     ASSERT_TRUE(requester.send(request("config", "reload")));
     ASSERT_TRUE(isHeld("start"));
-    std::filesystem::create_directory(requester.input());
+    const Blocked input(requester.input());
     release("start");
     EXPECT_EQ(requester.receive(), "1 " + failed("Failed to create Fifo IN for service " + id));
     requester.leave();
