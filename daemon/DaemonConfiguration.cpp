@@ -1,12 +1,14 @@
 #include "daemon/DaemonConfiguration.h"
 
-#include <fstream>
 #include <map>
+#include <sstream>
 #include <stdexcept>
 
 #include "support/ConfigurationPath.h"
+#include "support/Debug.h"
 #include "support/Failure.h"
 #include "support/NeverDestroyed.h"
+#include "support/RegularFile.h"
 #include "support/Tools.h"
 
 namespace keywarden {
@@ -16,10 +18,13 @@ namespace {
 using ConfigMap = std::map<std::string, std::string>;
 
 ConfigMap readFile(const std::string& path) {
-    std::ifstream file(path);
-    if (!file)
+    try {
+        std::istringstream file(readRegularFile(path, kLargestConfigurationFile));
+        return Tools::getConfigFileMap(file);
+    } catch (const std::runtime_error& error) {
+        debugTrace(error.what());
         throw std::runtime_error("Failed to open configuration file : " + path);
-    return Tools::getConfigFileMap(file);
+    }
 }
 
 std::string text(const ConfigMap& values, const std::string& key) {
@@ -69,6 +74,7 @@ DaemonConfiguration::DaemonConfiguration(const std::string& path) {
     minDateForGeneratingCert_ = minimumDate(values);
     timeDriftSleepTime_ = driftValue(values, "TimeDriftSleepTime");
     timeDriftThresholdValue_ = driftValue(values, "TimeDriftThresholdValue");
+    continueOnServiceFailure_ = text(values, "continueOnServiceFailure") == "yes";
     checkRequired();
 }
 

@@ -34,6 +34,9 @@ class DaemonConfiguration {
     /// Seconds of drift that count as a change of the time; 0 when not set.
     [[nodiscard]] std::int32_t getTimeDriftThresholdValue() const { return timeDriftThresholdValue_; }
 
+    /// Whether a service that fails in a notification is passed over; else its failure ends the daemon.
+    [[nodiscard]] bool isContinueOnServiceFailure() const { return continueOnServiceFailure_; }
+
     /// Reads one file. Throws std::runtime_error when it cannot be opened, lacks a required key or has a
     /// drift value that is no number, and std::invalid_argument or std::out_of_range for such a minimum date.
     explicit DaemonConfiguration(const std::string& path);
@@ -53,6 +56,7 @@ class DaemonConfiguration {
     std::string pidFile_;
     std::int32_t timeDriftSleepTime_ = 0;
     std::int32_t timeDriftThresholdValue_ = 0;
+    bool continueOnServiceFailure_ = false;
 };
 
 }  // namespace keywarden

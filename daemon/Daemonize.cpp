@@ -6,21 +6,33 @@
 
 #include <array>
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
+#include <exception>
 #include <string>
 #include <utility>
 
 #include "daemon/DaemonConfiguration.h"
 #include "daemon/Exit.h"
 #include "daemon/PidFile.h"
+#include "daemon/StartUp.h"
+#include "support/Cancellation.h"
 #include "support/Debug.h"
 #include "support/Log.h"
+#include "support/RegularFile.h"
 #include "support/StopRequest.h"
+#include "support/Tools.h"
 #include "support/UniqueFd.h"
 
 namespace keywarden {
 
 namespace {
+
+constexpr int kTransfers = 100;
+constexpr std::int64_t kPauseMilliseconds = 10;
+constexpr int kLooks = 500;
+constexpr std::size_t kLongestPidFile = 32;
 
 struct Pipe {
     UniqueFd readEnd;
@@ -34,17 +46,56 @@ Pipe makePipe() {
     return {UniqueFd(ends[0]), UniqueFd(ends[1])};
 }
 
+// The result of the last attempt.
+template <typename Transfer>
+ssize_t tryAgain(Transfer&& transfer) {
+    ssize_t count = transfer();
+    for (int made = 1; count < 0 && (errno == EINTR || errno == EAGAIN) && made < kTransfers; ++made) {
+        if (errno == EAGAIN)
+            Cancellation::sleep(kPauseMilliseconds);
+        count = transfer();
+    }
+    return count;
+}
+
+bool pidFileNames(pid_t process) {
+    const DaemonConfiguration& configuration = DaemonConfiguration::getInstance();
+    try {
+        return readRegularFile(configuration.getPidFile(), kLongestPidFile) == std::to_string(process);
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+// The parent writes the pid file at once, or takes the lock away and ends.
+void awaitPidFileItself() {
+    const std::string lock = DaemonConfiguration::getInstance().getLockFile();
+    for (int looks = 0; looks < kLooks && !pidFileNames(::getpid()); ++looks) {
+        if (!Tools::fileExist(lock))
+            ::_exit(ExitFailure);
+        Cancellation::sleep(kPauseMilliseconds);
+    }
+}
+
 // A child that fails at once must not remove the pid file before the parent has made it. The parent says one
-// byte when it has; nothing comes when it failed and took the files away.
+// byte when it has; nothing comes when it failed and took the files away, or when it could not say it.
 void awaitPidFile(Pipe pipe) {
     pipe.writeEnd.reset();
     char said = 0;
-    ssize_t count = 0;
-    do
-        count = ::read(pipe.readEnd.get(), &said, 1);
-    while (count < 0 && errno == EINTR);
-    if (count != 1)
+    const ssize_t count = tryAgain([&] { return ::read(pipe.readEnd.get(), &said, 1); });
+    if (count < 0) {
+        Log::write(SeverityError,
+                   std::string("The parent process cannot be heard, err: ") + std::strerror(errno));
+        awaitPidFileItself();
+    } else if (count == 0 && !pidFileNames(::getpid())) {
         ::_exit(ExitFailure);
+    }
+}
+
+// Refused where the process leads its group already, as one whose parent is process 1 may.
+void leaveStarter() {
+    static_cast<void>(::setsid());
+    releaseStandardStreams();
 }
 
 void becomeBackgroundProcess() {
@@ -70,7 +121,8 @@ void passOnPendingStop(pid_t child) {
     }
     Log::write(SeverityInfo, "Parent process terminating after successfull fork.");
     const char done = 1;
-    static_cast<void>(!::write(pipe.writeEnd.get(), &done, 1));
+    // Without it the child looks for itself when this process has ended.
+    static_cast<void>(tryAgain([&] { return ::write(pipe.writeEnd.get(), &done, 1); }));
     passOnPendingStop(child);
     // Not exit(): what the parent has set up now belongs to the child.
     ::_exit(0);
@@ -80,8 +132,10 @@ void passOnPendingStop(pid_t child) {
 
 void daemonize() {
     debugTrace("Are we already a deamon ?");
-    if (::getppid() == 1)
+    if (::getppid() == 1) {
+        leaveStarter();
         return;
+    }
     debugTrace("Are we already a deamon ? No. Create a daemon.");
     Pipe pipe = makePipe();
     const pid_t child = ::fork();
@@ -91,6 +145,8 @@ void daemonize() {
     }
     if (child > 0)
         leaveParent(child, pipe);
+    // First of all: what happens to the starter's terminal is no business of the child's.
+    leaveStarter();
     awaitPidFile(std::move(pipe));
     becomeBackgroundProcess();
 }

@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <array>
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "callbacks/LibraryWrapperServiceCallbacks.h"
 #include "daemon/DaemonConfiguration.h"
 #include "daemon/DaemonState.h"
 #include "daemon/NotificationThread.h"
@@ -21,6 +23,7 @@
 #include "support/Failure.h"
 #include "support/Log.h"
 #include "support/StopRequest.h"
+#include "support/Survive.h"
 
 namespace keywarden {
 
@@ -105,13 +108,22 @@ void exitDaemon(int code, const std::string& reason, bool removeFiles) {
     while (leaving.test_and_set())
         ::pause();
     if (removeFiles)
-        removeInstanceFiles();
-    const std::string line = "Stopping with the code " + std::to_string(code) +
-                             (reason.empty() ? std::string("...") : " due to " + reason + "...");
-    debugTrace(line);
-    Log::write(code == ExitOrderlyStop ? SeverityNotice : SeverityEmergency, line);
+        survives("Removing the files of the daemon", removeInstanceFiles);
+    const Severity severity = code == ExitOrderlyStop ? SeverityNotice : SeverityEmergency;
+    const auto sayWhy = [&] {
+        const std::string line = "Stopping with the code " + std::to_string(code) +
+                                 (reason.empty() ? std::string("...") : " due to " + reason + "...");
+        debugTrace(line);
+        Log::write(severity, line);
+    };
+    if (!survives("The last line of the daemon", sayWhy))
+        ::syslog(severity, "Stopping with the code %d%s%s...", code, reason.empty() ? "" : " due to ",
+                 reason.c_str());
     Log::close();
-    unready();
+    survives("Taking the readiness marker away", unready);
+    // Not exit(): it would run what the library registered for the end, beside threads that still use it.
+    if (isCallbackLibraryLoaded())
+        std::quick_exit(code);
     std::exit(code);
 }
 

@@ -1,12 +1,14 @@
 // A network or time change, told to every service.
 #include <functional>
 
+#include "daemon/DaemonConfiguration.h"
 #include "daemon/DaemonState.h"
 #include "daemon/Exit.h"
 #include "daemon/NotificationThread.h"
 #include "service/Service.h"
 #include "support/Failure.h"
 #include "support/Log.h"
+#include "support/ShortThread.h"
 #include "support/StopRequest.h"
 
 namespace keywarden {
@@ -31,18 +33,25 @@ void notifyAll(bool pki, const Notify& notify) {
 // Local CAs are renewed before the services that have their certificates signed by them.
 void fanOut(const std::string& what, const Notify& notify) {
     Log::write(SeverityInfo, "Handling reload " + what + ".");
-    notifyAll(true, notify);
-    notifyAll(false, notify);
+    runInShortThread([&notify] {
+        notifyAll(true, notify);
+        notifyAll(false, notify);
+    });
     Log::write(SeverityInfo,
                (what == "network" ? "Network" : "Time") + std::string(" reload operation completed"));
 }
 
-// A failure while the daemon stops is a consequence of the stop: scripts were ended, not services broken.
-void endDaemonFor(const std::string& reason) {
-    if (StopRequest::isRaised())
-        Log::write(SeverityError, reason);
-    else
+bool isPassedOver() {
+    // A failure while the daemon stops is a consequence of the stop: scripts were ended, not services broken.
+    return StopRequest::isRaised() || DaemonConfiguration::getInstance().isContinueOnServiceFailure();
+}
+
+void failFor(const Service& service, const std::string& reason) {
+    if (!isPassedOver())
         exitDaemon(ExitFailure, reason, true);
+    Log::write(SeverityError, reason.empty() ? "The service " + service.getServiceId() +
+                                                   " failed in a notification without a reason."
+                                             : reason);
 }
 
 }  // namespace
@@ -72,7 +81,7 @@ void notifiyNetworkChanged(const std::shared_ptr<Service>& service) {
             reason = failure.message("Daemon exception caught while network reload: ",
                                      "std::exception caught while network reload: ", "");
     }
-    endDaemonFor(reason);
+    failFor(*service, reason);
 }
 
 void notifiyTimeChanged(const std::shared_ptr<Service>& service) {
@@ -87,7 +96,7 @@ void notifiyTimeChanged(const std::shared_ptr<Service>& service) {
                 "Daemon exception caught while time reload: ", "std::exception caught while time reload: ",
                 "Unknown exception caught while time reload operation.");
     }
-    endDaemonFor(reason);
+    failFor(*service, reason);
 }
 
 }  // namespace keywarden

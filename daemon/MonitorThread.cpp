@@ -17,6 +17,7 @@
 #include "support/Failure.h"
 #include "support/Log.h"
 #include "support/NeverDestroyed.h"
+#include "support/Survive.h"
 
 namespace keywarden {
 
@@ -137,7 +138,7 @@ void* MonitorTimeNetworkConfig(void* arguments) {
     const std::int64_t sleepSeconds = std::max(1, settings->sleepTime);
     Clocks reference;
     for (;;) {
-        look(reference, settings->thresholdValue);
+        survives("A look of the monitor", [&] { look(reference, settings->thresholdValue); });
         Cancellation::sleep(sleepSeconds * 1000);
     }
 }

@@ -1,6 +1,7 @@
 #include "daemon/NotificationThread.h"
 
 #include <array>
+#include <cstdint>
 #include <mutex>
 
 #include "daemon/DaemonConfiguration.h"
@@ -12,14 +13,21 @@
 #include "support/Debug.h"
 #include "support/Failure.h"
 #include "support/FifoReader.h"
+#include "support/FileWriteError.h"
+#include "support/Folder.h"
+#include "support/GrowingPause.h"
 #include "support/Log.h"
 #include "support/StopRequest.h"
+#include "support/Survive.h"
 
 namespace keywarden {
 
 namespace {
 
 constexpr mode_t kFifoMode = 0720;
+// After a failure that may pass.
+constexpr std::int64_t kPauseMilliseconds = 100;
+constexpr int kAttempts = 3;
 
 void reloadNetwork() {
     Log::write(SeverityNotice, "Notification reload network received");
@@ -64,6 +72,39 @@ void handleNotification(char notification) {
         reloadTime();
 }
 
+// One that fails for want of memory would be lost; done twice it does no harm.
+void handleAnyhow(char notification) {
+    GrowingPause pause(kPauseMilliseconds);
+    for (int made = 1; !survives("A notification", [notification] { handleNotification(notification); }) &&
+                       made < kAttempts && !StopRequest::isRaised();
+         ++made)
+        Cancellation::sleep(pause.next());
+}
+
+// Returns when the fifo is lost for good: its folder has been removed.
+void readNotifications(const std::string& path) {
+    FolderPtr folder;
+    try {
+        folder = Folder::at(folderOfPath(path), Folder::Owner::Anybody);
+    } catch (const FileWriteError& error) {
+        Log::write(SeverityError, error.what());
+        return;
+    }
+    FifoReader reader(folder, splitPath(path).second, kFifoMode,
+                      DaemonConfiguration::getInstance().getNotificationGroup());
+    std::array<char, 256> received;
+    bool usable = reader.open();
+    while (usable) {
+        ssize_t count = 0;
+        if (!survives("Reading the notifications",
+                      [&] { count = reader.read(received.data(), received.size()); }))
+            Cancellation::sleep(kPauseMilliseconds);
+        usable = count >= 0;
+        for (ssize_t index = 0; index < count && !StopRequest::isRaised(); ++index)
+            handleAnyhow(received[static_cast<std::size_t>(index)]);
+    }
+}
+
 }  // namespace
 
 std::string notificationFifoPath() {
@@ -77,15 +118,8 @@ void* notificationHandler(void*) {
     if (!prepared)
         Log::write(SeverityError, "notificationHandler thread pthread_setcanceltype failed\n");
     debugTrace("Start notification handler");
-    FifoReader reader(path, kFifoMode, DaemonConfiguration::getInstance().getNotificationGroup());
-    std::array<char, 256> received;
-    bool usable = reader.open();
-    while (usable) {
-        const ssize_t count = reader.read(received.data(), received.size());
-        usable = count >= 0;
-        for (ssize_t index = 0; index < count && !StopRequest::isRaised(); ++index)
-            handleNotification(received[static_cast<std::size_t>(index)]);
-    }
+    while (!survives("Reading the notifications", [&path] { readNotifications(path); }))
+        Cancellation::sleep(kPauseMilliseconds);
     const std::string failure = "Failed to open the fifo file:" + path + " to read the notifications.";
     Log::write(SeverityError, failure);
     exitDaemon(ExitFailure, failure, true);

@@ -1,15 +1,11 @@
 #include "daemon/PidFile.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 
 #include "support/FileWriteError.h"
 #include "support/FileWriter.h"
-#include "support/OwnFolder.h"
+#include "support/Folder.h"
 #include "support/TemporaryFile.h"
-#include "support/UniqueFd.h"
 
 namespace keywarden {
 
@@ -17,10 +13,12 @@ namespace {
 
 constexpr mode_t kPidFileMode = 0664;
 
-// After root is given up the folder may be closed to the daemon while the file, made before, is its own.
 bool writeInPlace(const std::string& path, const std::string& text) {
-    const UniqueFd file(::open(path.c_str(), O_WRONLY | O_TRUNC | O_NOFOLLOW | O_CLOEXEC));
-    return file && ::write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    try {
+        return Folder::at(folderOfPath(path), Folder::Owner::Anybody)->rewrite(splitPath(path).second, text);
+    } catch (const FileWriteError&) {
+        return false;
+    }
 }
 
 }  // namespace
@@ -31,12 +29,16 @@ void writePidFile(const std::string& path, pid_t pid, const std::string& user) {
     attributes.user = user;
     attributes.group = user;
     const std::string text = std::to_string(pid);
-    // The folder is shared: only what an earlier run that was killed left of this very file.
-    removeTemporaries(folderOfPath(path), splitPath(path).second);
     try {
+        const FolderPtr folder = Folder::at(folderOfPath(path), Folder::Owner::Anybody, path);
+        const std::string name = splitPath(path).second;
+        // The folder is shared: only what an earlier run that was killed left of this very file.
+        removeTemporaries(*folder, name);
         FileWriter::write(path, text, attributes);
     } catch (const FileWriteError& error) {
         const bool closedFolder = error.errorNumber() == EACCES || error.errorNumber() == EPERM;
+        // After root is given up the folder may be closed to the daemon while the file, made before, is its
+        // own.
         if (!closedFolder || !writeInPlace(path, text))
             throw;
     }

@@ -10,15 +10,18 @@
 #include "support/Cancellation.h"
 #include "support/Log.h"
 #include "support/StopRequest.h"
+#include "support/Survive.h"
 
 namespace keywarden {
 
 namespace {
 
-void cancel(const std::atomic<pthread_t>& thread, const std::string& name) {
+void cancel(const std::atomic<pthread_t>& thread, const char* name) {
     const pthread_t handle = thread;
     if (handle != 0 && ::pthread_cancel(handle) != 0)
-        Log::write(SeverityError, name + " thread cancellation clean up handler failed");
+        survives(name, [name] {
+            Log::write(SeverityError, std::string(name) + " thread cancellation clean up handler failed");
+        });
 }
 
 }  // namespace
@@ -34,7 +37,10 @@ void* MonitorShutdownSigReceived(void*) {
         exitDaemon(ExitFailure, "sigwait() returned error", true);
     // Before the threads are cancelled: a script that one of them waits for ends by this.
     StopRequest::raise();
-    Log::write(SeverityInfo, std::string("Received fatal signal : ") + ::strsignal(signal));
+    // None of what is said may keep the threads from being cancelled.
+    survives("Saying which signal was received", [signal] {
+        Log::write(SeverityInfo, std::string("Received fatal signal : ") + ::strsignal(signal));
+    });
     cancel(threadNotificationHandler, "threadNotificationHandler");
     cancel(threadMonitorTimeNetworkConfig, "threadMonitorTimeNetworkConfig");
     return nullptr;

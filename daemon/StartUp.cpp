@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <malloc.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,12 +18,15 @@
 #include "daemon/Exit.h"
 #include "daemon/MonitorThread.h"
 #include "daemon/NotificationThread.h"
+#include "daemon/Privileges.h"
 #include "daemon/SignalThread.h"
 #include "network/NetworkConfiguration.h"
 #include "service/Service.h"
+#include "support/Accounts.h"
 #include "support/Debug.h"
 #include "support/Failure.h"
-#include "support/FifoReader.h"
+#include "support/FileWriteError.h"
+#include "support/Folder.h"
 #include "support/KeywardenDaemonException.h"
 #include "support/Log.h"
 #include "support/StopRequest.h"
@@ -38,16 +42,30 @@ constexpr mode_t kLockMode = 0640;
 constexpr mode_t kNotificationFifoMode = 0720;
 constexpr unsigned kTreeMode = 0711;
 
+// Set once, by the main thread. What is there otherwise belongs to another instance.
+bool lockIsOurs = false;
+
 // The daemon user's name is also the name of the group that its files are given to.
-void giveToDaemonUser(const std::string& path) {
+void giveToDaemonUser(const Folder& folder) {
     const std::string user = DaemonConfiguration::getInstance().getDaemonUser();
-    Tools::changeUser(path, user);
-    Tools::changeGroup(path, user);
+    folder.setUser(user);
+    folder.setGroup(user);
 }
 
-[[noreturn]] void failStart(const Failure& failure, const std::string& text) {
+// Of the open file: by its path it could be somebody else's by now.
+void giveToDaemonUser(int file, const std::string& path) {
+    const std::string user = DaemonConfiguration::getInstance().getDaemonUser();
+    const auto uid = userIdOf(user);
+    const auto gid = groupIdOf(user);
+    if (uid && ::fchown(file, *uid, static_cast<gid_t>(-1)) != 0)
+        throw std::runtime_error("Impossible to change the user for " + path);
+    if (gid && ::fchown(file, static_cast<uid_t>(-1), *gid) != 0)
+        throw std::runtime_error("Impossible to change the group for " + path);
+}
+
+[[noreturn]] void failStart(const Failure& failure, const std::string& text, bool removeFiles = true) {
     Log::write(SeverityError, text);
-    exitDaemon(ExitFailure, failure.textOrNothing(), true);
+    exitDaemon(ExitFailure, failure.textOrNothing(), removeFiles);
 }
 
 }  // namespace
@@ -66,14 +84,32 @@ void openLogAndReadOptions(int argc, char* const argv[]) {
     }
 }
 
+namespace {
+
+// A service with all its stores holds a dozen descriptors open: its folders and its fifo. A hundred of them
+// need more than the usual 1024. The ceiling is the administrator's, and stays.
+void allowDescriptors() {
+    constexpr rlim_t kWanted = 4096;
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= kWanted)
+        return;
+    limit.rlim_cur = std::min(limit.rlim_max, kWanted);
+    static_cast<void>(::setrlimit(RLIMIT_NOFILE, &limit));
+}
+
+}  // namespace
+
 void prepareProcess() {
+    allowDescriptors();
     for (int descriptor = ::open("/dev/null", O_RDWR); descriptor >= 0; descriptor = ::dup(descriptor)) {
         if (descriptor > STDERR_FILENO) {
             ::close(descriptor);
             break;
         }
     }
-    static_cast<void>(::signal(SIGPIPE, SIG_IGN));
+    static_cast<void>(!::chdir("/"));
+    for (const int ignored : {SIGPIPE, SIGHUP})
+        static_cast<void>(::signal(ignored, SIG_IGN));
     const sigset_t stops = StopRequest::signals();
     ::sigprocmask(SIG_BLOCK, &stops, nullptr);
     // Many threads that mostly sleep: one heap for all of them instead of one each.
@@ -102,11 +138,25 @@ void initCheck() {
         exitDaemon(ExitFailure, "The user: " + user + " is not member of the group " + group, false);
 }
 
+namespace {
+
+// One call decides between two daemons that start at the same moment.
+UniqueFd newLockFile(const std::string& path) {
+    try {
+        return Folder::at(folderOfPath(path), Folder::Owner::Anybody)
+            ->create(splitPath(path).second, kLockMode);
+    } catch (const FileWriteError& error) {
+        errno = error.errorNumber();
+        return {};
+    }
+}
+
+}  // namespace
+
 void checkLock() {
     const std::string path = DaemonConfiguration::getInstance().getLockFile();
     debugTrace("Get the lock...");
-    // One call decides between two daemons that start at the same moment.
-    const UniqueFd lock(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kLockMode));
+    const UniqueFd lock = newLockFile(path);
     if (!lock && errno == EEXIST) {
         debugTrace("Get the lock... Failed. Lock file already present.");
         exitDaemon(ExitAlreadyRunning, "keywardd already running", false);
@@ -116,7 +166,8 @@ void checkLock() {
         Log::write(SeverityError, failure);
         exitDaemon(ExitFailure, failure, true);
     }
-    giveToDaemonUser(path);
+    lockIsOurs = true;
+    giveToDaemonUser(lock.get(), path);
     debugTrace("Get the lock... Done.");
 }
 
@@ -125,23 +176,88 @@ void lockInstance() {
         checkLock();
     } catch (...) {
         const Failure failure = Failure::current();
-        failStart(failure, failure.runtimeMessage("Runtime error caught while checking lock:",
-                                                  "Std exception caught while checking lock:",
-                                                  "Unknown exception caught while checking lock."));
+        failStart(failure,
+                  failure.runtimeMessage("Runtime error caught while checking lock:",
+                                         "Std exception caught while checking lock:",
+                                         "Unknown exception caught while checking lock."),
+                  lockIsOurs);
     }
 }
 
+void runToTheEnd(const std::function<void()>& steps) {
+    try {
+        steps();
+    } catch (const std::exception& error) {
+        exitDaemon(ExitFailure, error.what(), lockIsOurs);
+    }
+}
+
+namespace {
+
+// Whether nobody but root can have put something in the path's place.
+bool isPlacedByRoot(const std::string& path) {
+    const FolderPtr parent = Folder::at(folderOfPath(withoutEndingSlashes(path)), Folder::Owner::Anybody);
+    const auto status = statusOf(parent->get());
+    return status && status->uid == 0 && (status->mode & 0022U) == 0;
+}
+
+// A folder of root's with something in it may be quite another one, which the daemon user moved there.
+void refuseMovedFolder(const Folder& folder) {
+    const auto status = statusOf(folder.get());
+    const auto user = userIdOf(DaemonConfiguration::getInstance().getDaemonUser());
+    const bool isTakenOver = ::geteuid() == 0 && user && *user != 0 && status && status->uid == 0;
+    if (isTakenOver && !isPlacedByRoot(folder.path()) && !folder.names().empty())
+        throw std::runtime_error(
+            "The folder '" + folder.path() +
+            "' belongs to root, is not empty, and stands where others can put one. Remove it, or "
+            "give it to the daemon user.");
+}
+
+// Of a link that is refused nobody would think; what is merely missing needs no words.
+std::string reasonWhyNot(const std::string& path) {
+    try {
+        static_cast<void>(Folder::at(path, Folder::Owner::Anybody));
+    } catch (const FileWriteError& error) {
+        if (error.errorNumber() == EPERM)
+            return std::string(": ") + error.what();
+    }
+    return {};
+}
+
+FolderPtr ownFolder(const std::string& path, mode_t mode) {
+    FolderPtr folder = createFolder(path, mode);
+    if (!folder)
+        throw std::runtime_error("Impossible to change the user for " + path + reasonWhyNot(path));
+    refuseMovedFolder(*folder);
+    return folder;
+}
+
+// Members of services' groups had these folders in their hands: with root's power a removal could be led to
+// what only root may remove.
+void emptyAsDaemonUser(const Folder& pipes) {
+    std::optional<std::string> left;
+    {
+        const ActingAs user(DaemonConfiguration::getInstance().getDaemonUser());
+        left = pipes.empty();
+    }
+    if (left && ::geteuid() == 0) {
+        pipes.emptyOfRoots();
+        const std::vector<std::string> names = pipes.names();
+        left = names.empty() ? std::nullopt : std::make_optional(pipes.pathOf(names.front()));
+    }
+    if (left)
+        Log::write(SeverityWarning, "What an earlier run left could not be removed: " + *left);
+}
+
+}  // namespace
+
 void prepareDirectories() {
     try {
-        const std::string pipes = DaemonConfiguration::getNamePipesDirectory();
-        const std::string keyward = DaemonConfiguration::getKeywardDirectory();
-        if (Tools::fileExist(pipes))
-            Tools::removeFiles(pipes);
-        Tools::createDirectory(keyward, 0755);
-        giveToDaemonUser(keyward);
+        giveToDaemonUser(*ownFolder(DaemonConfiguration::getKeywardDirectory(), 0755));
         // Now, still as root: the daemon user may not be allowed to make it.
-        Tools::createDirectory(pipes, kTreeMode);
-        giveToDaemonUser(pipes);
+        const FolderPtr pipes = ownFolder(DaemonConfiguration::getNamePipesDirectory(), kTreeMode);
+        giveToDaemonUser(*pipes);
+        emptyAsDaemonUser(*pipes);
     } catch (...) {
         const Failure failure = Failure::current();
         const std::string text =
@@ -210,18 +326,32 @@ void constructServices(const std::vector<std::string>& names) {
         throw KeywardenDaemonException("No service loaded!");
 }
 
+namespace {
+
+// Its group may have put something in the way.
+void startHandler(Service& service) {
+    try {
+        service.startHandler();
+    } catch (const PipesNotMade& failure) {
+        Log::write(SeverityError, failure.what());
+        service.startHandlerLater();
+    }
+}
+
+}  // namespace
+
 void startServices() {
     for (const auto& service : services())
         service->initTimer();
     for (const auto& service : services())
-        service->startHandler();
+        startHandler(*service);
 }
 
 void createNotificationFifo() {
-    Tools::createDirectory(DaemonConfiguration::getNamePipesDirectory(), kTreeMode);
     const std::string path = notificationFifoPath();
     const std::string group = DaemonConfiguration::getInstance().getNotificationGroup();
-    if (!FifoReader::make(path, kNotificationFifoMode, group)) {
+    const FolderPtr folder = createFolder(DaemonConfiguration::getNamePipesDirectory(), kTreeMode);
+    if (!folder || !folder->makeFifo(splitPath(path).second, kNotificationFifoMode, group)) {
         const std::string failure = "Error to create Fifo IN: " + path;
         Log::write(SeverityError, failure);
         throw KeywardenDaemonException(failure);
@@ -256,8 +386,11 @@ void startThreads() {
 void announce() {
     debugTrace(">>>>>>>>>>> Ready for actions! ");
     Log::write(SeverityNotice, "The daemon is running.");
-    for (const auto& service : services())
+    for (const auto& service : services()) {
+        if (StopRequest::isRaised())
+            break;
         service->notifyAllServicesStarted();
+    }
     ready();
     giveBackStartUpMemory();
 }

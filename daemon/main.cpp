@@ -13,6 +13,7 @@ void runDaemon() {
     limitCapabilities();
     initDaemon();
     giveUpPrivileges();
+    cleanEnvironment();
     checkNetworkScript();
     createFileArchitecture();
     const std::vector<std::string> names = orderedServiceNames();
@@ -35,11 +36,14 @@ void runDaemon() {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-    openLogAndReadOptions(argc, argv);
-    ::umask(0);
-    prepareProcess();
-    initCheck();
-    lockInstance();
-    prepareDirectories();
-    runGuarded(runDaemon);
+    runToTheEnd([argc, argv] {
+        closeInheritedDescriptors();
+        openLogAndReadOptions(argc, argv);
+        ::umask(0);
+        prepareProcess();
+        initCheck();
+        lockInstance();
+        prepareDirectories();
+        runGuarded(runDaemon);
+    });
 }

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -37,7 +38,11 @@ class DaemonConfigurationFile : public testing::Test {
 
     template <typename Expected = std::runtime_error>
     [[nodiscard]] std::string failure(const std::string& content) const {
-        const std::string path = sandbox.write("config.daemon", content);
+        return failureOf<Expected>(sandbox.write("config.daemon", content));
+    }
+
+    template <typename Expected = std::runtime_error>
+    static std::string failureOf(const std::string& path) {
         try {
             const DaemonConfiguration configuration(path);
         } catch (const Expected& error) {
@@ -96,15 +101,23 @@ TEST_F(DaemonConfigurationFile, EmptyFileReportsAllEightInOrder) {
                   "'lockFile' is not defined; 'pidFile' is not defined; ");
 }
 
-TEST_F(DaemonConfigurationFile, FolderOrBinaryFileReportsTheMissingKeys) {
+TEST_F(DaemonConfigurationFile, BinaryFileReportsTheMissingKeys) {
     EXPECT_NE(failure(std::string("\x7f\0ELF \0\xff\n\xfe\r \x01", 13)).find("'pidFile' is not defined; "),
               std::string::npos);
-    try {
-        const DaemonConfiguration configuration(sandbox.path());
-        FAIL();
-    } catch (const std::runtime_error& error) {
-        EXPECT_EQ(std::string(error.what()).rfind(kBad, 0), 0U) << error.what();
-    }
+}
+
+TEST_F(DaemonConfigurationFile, WhatIsNoRegularFileFailsWithoutWaiting) {
+    const std::string fifo = sandbox.path("fifo");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0666), 0);
+    for (const std::string& path : {fifo, sandbox.path(), std::string("/dev/zero")})
+        EXPECT_EQ(failureOf(path), "Failed to open configuration file : " + path);
+}
+
+TEST_F(DaemonConfigurationFile, FileBeyondOneMebibyteFails) {
+    const std::size_t limit = std::size_t{1024} * 1024;
+    EXPECT_EQ(failure(kRequired + std::string(limit - kRequired.size(), '#')), "(none)");
+    EXPECT_EQ(failure(kRequired + std::string(limit + 1 - kRequired.size(), '#')),
+              "Failed to open configuration file : " + sandbox.path("config.daemon"));
 }
 
 TEST_F(DaemonConfigurationFile, SpacesBeforeTheValueGoWithIt) {
@@ -163,6 +176,21 @@ TEST_F(DaemonConfigurationFile, MinimumDateOutOfRangeFails) {
 
 TEST_F(DaemonConfigurationFile, BadNumberIsReportedBeforeMissingKeys) {
     EXPECT_EQ(failure<std::invalid_argument>("minDateForGeneratingCert soon\n"), "stoll");
+}
+
+TEST_F(DaemonConfigurationFile, OnlyExactlyYesContinuesOnAServiceFailure) {
+    const auto isOn = [this](const std::string& line) {
+        return DaemonConfiguration(sandbox.write("config.daemon", kRequired + line + "\n"))
+            .isContinueOnServiceFailure();
+    };
+    EXPECT_TRUE(isOn("continueOnServiceFailure yes"));
+    EXPECT_TRUE(isOn("continueOnServiceFailure   yes  # for now"));
+    for (const char* const line :
+         {"", "continueOnServiceFailure", "continueOnServiceFailure no", "continueOnServiceFailure Yes",
+          "continueOnServiceFailure YES", "continueOnServiceFailure yes please", "continueOnServiceFailure 1",
+          "continueOnServiceFailure true", "continueonservicefailure yes", "continueOnServiceFailure\tyes",
+          "continueOnServiceFailure no\ncontinueOnServiceFailure yes"})
+        EXPECT_FALSE(isOn(line)) << line;
 }
 
 TEST_F(DaemonConfigurationFile, DriftValuesAreReadAndTrailingTextIgnored) {

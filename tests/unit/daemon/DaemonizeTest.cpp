@@ -8,10 +8,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 
 #include "DaemonFixture.h"
+#include "FailingCalls.h"
 #include "daemon/Exit.h"
 #include "daemon/PidFile.h"
 #include "support/Accounts.h"
@@ -101,13 +103,13 @@ TEST_F(Background, ChildGoesOnWhenItsPidIsWritten) {
         say(Sandbox::read(pidFile()) == std::to_string(::getpid()) ? "the file names it"
                                                                    : "the file does not");
         say(rightsOf(pidFile()));
-        say(::getsid(0) == ::getsid(before) ? "same session" : "own session");
+        say(::getsid(0) == ::getpid() ? "own session" : "same session");
     });
     EXPECT_TRUE(end.exitedWith(0)) << "the parent: " << end.dump();
     EXPECT_EQ(end.log, (Lines{{SeverityInfo, "a child"},
                               {SeverityInfo, "the file names it"},
                               {SeverityInfo, "0664 root root"},
-                              {SeverityInfo, "same session"}}));
+                              {SeverityInfo, "own session"}}));
     EXPECT_EQ(end.standardError.rfind("Are we already a deamon ?\nAre we already a deamon ? No. Create a "
                                       "daemon.\nParent process terminating after successfull fork.\n",
                                       0),
@@ -177,6 +179,57 @@ TEST_F(Background, ChildThatFailsAtOnceRemovesThePidFileForGood) {
     }
 }
 
+TEST_F(Background, ChildThatIsInterruptedWhileItListensListensAgain) {
+    for (const int error : {EINTR, EAGAIN}) {
+        const ExitedChild end = runToExit([error] {
+            const FailingCalls failing(FailingCalls::Of::ReadOfAByte, error, 1, 3);
+            daemonize();
+            say(FailingCalls::wereUsed() ? "goes on" : "no failure");
+        });
+        EXPECT_EQ(end.log, (Lines{{SeverityInfo, "goes on"}})) << end.dump();
+    }
+}
+
+TEST_F(Background, ChildThatCannotHearItsParentGoesOn) {
+    sandbox().write("keywardd.lock", "");
+    const ExitedChild end = runToExit([] {
+        const FailingCalls failing(FailingCalls::Of::ReadOfAByte, EIO, 1, 1);
+        daemonize();
+        say(Sandbox::read(pidFile()) == std::to_string(::getpid()) ? "the file names it"
+                                                                   : "the file does not");
+    });
+    EXPECT_TRUE(end.exitedWith(0)) << "the parent: " << end.dump();
+    EXPECT_EQ(end.log, (Lines{{SeverityError, "The parent process cannot be heard, err: Input/output error"},
+                              {SeverityInfo, "the file names it"}}));
+}
+
+TEST_F(Background, ChildThatCannotHearItsParentFailEndsWithIt) {
+    sandbox().write("keywardd.pid/inside", "");
+    sandbox().write("keywardd.lock", "");
+    const ExitedChild end = runToExit([] {
+        const FailingCalls failing(FailingCalls::Of::ReadOfAByte, EIO, 1, 1);
+        daemonize();
+        say("the child goes on");
+    });
+    EXPECT_TRUE(end.exitedWith(12)) << end.dump();
+    EXPECT_FALSE(end.logged(SeverityInfo, "the child goes on"));
+    EXPECT_FALSE(Sandbox::exists(lockFile()));
+}
+
+TEST_F(Background, ParentThatCannotTellIsNoEndOfTheChild) {
+    sandbox().write("keywardd.lock", "");
+    for (const int error : {EAGAIN, EIO}) {
+        const ExitedChild end = runToExit([error] {
+            const FailingCalls failing(FailingCalls::Of::WriteOfAByte, error, 1,
+                                       error == EIO ? FailingCalls::kAll : 1);
+            daemonize();
+            say("goes on");
+        });
+        EXPECT_TRUE(end.exitedWith(0)) << end.dump();
+        EXPECT_EQ(end.log, (Lines{{SeverityInfo, "goes on"}})) << end.dump();
+    }
+}
+
 // Sanitizers have threads of their own and do not live under such a limit.
 #if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)
 TEST_F(Background, ForkThatFailsIsFatal) {
@@ -216,10 +269,12 @@ TEST_F(Background, ProcessOfInitDoesNotFork) {
                 daemonize();
                 if (::getppid() == 1 && ::getpid() == before)
                     ::dprintf(STDERR_FILENO, "still the same\n");
+                if (::getsid(0) == ::getpid())
+                    ::dprintf(STDERR_FILENO, "own session\n");
             });
         });
     });
-    EXPECT_EQ(end.standardError, "Are we already a deamon ?\nstill the same\n");
+    EXPECT_EQ(end.standardError, "Are we already a deamon ?\nstill the same\nown session\n");
     EXPECT_FALSE(Sandbox::exists(pidFile()));
 }
 

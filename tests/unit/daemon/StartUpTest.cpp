@@ -6,22 +6,27 @@
 #include <linux/capability.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <initializer_list>
 #include <iostream>
+#include <new>
 #include <sstream>
 #include <stdexcept>
 
 #include "DaemonFixture.h"
+#include "FailingCalls.h"
 #include "daemon/DaemonState.h"
 #include "daemon/Exit.h"
+#include "daemon/Privileges.h"
 #include "service/Service.h"
 #include "support/Accounts.h"
 #include "support/Debug.h"
@@ -115,10 +120,13 @@ TEST_F(Process, StopsWaitAndBrokenPipesAreErrors) {
                   for (const int signal : {SIGINT, SIGTERM, SIGQUIT, SIGHUP})
                       state += ::sigismember(&blocked, signal) == 1 ? "blocked " : "free ";
                   struct sigaction action {};
-                  ::sigaction(SIGPIPE, nullptr, &action);
-                  return state + (action.sa_handler == SIG_IGN ? "ignored" : "deadly");
+                  for (const int signal : {SIGPIPE, SIGHUP}) {
+                      ::sigaction(signal, nullptr, &action);
+                      state += action.sa_handler == SIG_IGN ? "ignored " : "deadly ";
+                  }
+                  return state;
               }),
-              "blocked blocked blocked free ignored");
+              "blocked blocked blocked free ignored ignored ");
 }
 
 TEST_F(Process, StandardDescriptorsAreTaken) {
@@ -147,6 +155,15 @@ TEST_F(Process, NoDescriptorIsLeftOver) {
                   return std::to_string(after - before);
               }),
               "0");
+}
+
+TEST_F(Process, WorkingFolderIsTheRoot) {
+    EXPECT_EQ(inChild([this] {
+                  static_cast<void>(!::chdir(sandbox().path().c_str()));
+                  keywarden::prepareProcess();
+                  return std::filesystem::current_path().string();
+              }),
+              "/");
 }
 
 using InitCheckDeathTest = FreshDaemonTest;
@@ -371,6 +388,38 @@ TEST_F(Guard, StepThatSucceedsReturns) {
     EXPECT_TRUE(ran);
 }
 
+TEST_F(Guard, WhatEscapesItEndsTheProcessAndLeavesTheFilesOfOthers) {
+    sandbox().write("keywardd.lock", "");
+    sandbox().write("keywardd.pid", "4711");
+    const ExitedChild end = runToExit([] { keywarden::runToTheEnd([] { throw std::bad_alloc(); }); });
+    EXPECT_TRUE(end.exitedWith(12)) << end.dump();
+    EXPECT_EQ(end.log, (Lines{{SeverityEmergency, "Stopping with the code 12 due to std::bad_alloc..."}}));
+    EXPECT_TRUE(Sandbox::exists(lockFile()));
+    EXPECT_EQ(Sandbox::read(pidFile()), "4711");
+}
+
+TEST_F(Guard, WhatEscapesItWithTheLockTakesTheFilesAway) {
+    const ExitedChild end = runToExit([] {
+        keywarden::runToTheEnd([] {
+            keywarden::lockInstance();
+            throw std::bad_alloc();
+        });
+    });
+    EXPECT_TRUE(end.exitedWith(12)) << end.dump();
+    EXPECT_FALSE(Sandbox::exists(lockFile()));
+}
+
+TEST_F(Guard, LastLineWithoutMemoryIsStillTheEnd) {
+    sandbox().write("keywardd.lock", "");
+    const ExitedChild end = runToExit([] {
+        CapturedLog::failFor("Stopping with the code");
+        keywarden::exitDaemon(12, "a reason", true);
+    });
+    EXPECT_TRUE(end.exitedWith(12)) << end.dump();
+    EXPECT_FALSE(Sandbox::exists(lockFile()));
+    EXPECT_TRUE(end.logged(SeverityError, "The last line of the daemon failed: std::bad_alloc"));
+}
+
 class Identity : public DaemonTest {};
 
 TEST_F(Identity, PidFileHoldsTheProcessAndHasItsRights) {
@@ -450,7 +499,70 @@ TEST_F(IdentityDeathTest, EveryStepThatFailsIsLoggedAndNoneIsFatal) {
                         "3 Failed to set groups ID, err: Operation not permitted\n"
                         "3 Failed to set group ID, err: Operation not permitted\n"
                         "3 Failed to set user ID, err: Operation not permitted\n"
+                        "3 The daemon still runs as root, not as the user daemon.\n"
                         "end\n")));
+}
+
+TEST_F(IdentityDeathTest, LookUpThatFailsOnceLeavesNothingOfRoot) {
+    EXPECT_EXIT(
+        {
+            configureDaemon("daemon", "kwkeys");
+            for (const auto function : {FailingCalls::Of::UserLookUp, FailingCalls::Of::GroupLookUp}) {
+                bool used = true;
+                for (int number = 1; used; ++number) {
+                    used = inChild([function, number] {
+                               const FailingCalls failing(function, EIO, number, 1);
+                               const std::string failure = failureOf([] { keywarden::initDaemon(); });
+                               if (FailingCalls::wereUsed() && identity() != "1 1 1 1 groups 1 60102 60103\n")
+                                   std::cerr << number << ": " << failure << " " << identity();
+                               return std::string(FailingCalls::wereUsed() ? "used" : "");
+                           }) == "used";
+                }
+            }
+            std::cerr << "end\n";
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), testing::MatchesRegex("end\n"));
+}
+
+TEST_F(IdentityDeathTest, UserWhoIsNotFoundAnyMoreIsFatal) {
+    EXPECT_EXIT(
+        {
+            configureDaemon("daemon", "kwkeys");
+            const FailingCalls failing(FailingCalls::Of::UserLookUp, EIO, 2, FailingCalls::kAll);
+            std::cerr << failureOf([] { keywarden::initDaemon(); }) << "\n";
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0),
+        HasSubstr("The user: daemon is not found any more: the daemon does not go on as root\n"));
+}
+
+TEST_F(IdentityDeathTest, NothingIsDoneAsRootForAUserWhoIsNotFound) {
+    EXPECT_EXIT(
+        {
+            const FailingCalls failing(FailingCalls::Of::UserLookUp, EIO, 1, FailingCalls::kAll);
+            std::cerr << failureOf([] { const keywarden::ActingAs user("daemon"); }) << "\n";
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0),
+        HasSubstr("The user: daemon is not found any more: the daemon does not go on as root\n"));
+}
+
+TEST_F(IdentityDeathTest, PidFileThatCannotBeGivenItsModeFails) {
+    EXPECT_EXIT(
+        {
+            configureDaemon("daemon", "kwkeys");
+            // The file belongs to the daemon user by then.
+            giveUp({CAP_FOWNER});
+            CapturedLog::clear();
+            std::cerr << "failure: " << failureOf([] { keywarden::initDaemon(); }) << "\nlog:\n"
+                      << CapturedLog::dump() << "end\n";
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0),
+        AllOf(HasSubstr("failure: Failed to assign required permissions to file: /"),
+              HasSubstr("/keywardd.pid\nlog:\n3 Error to assign required permissions to: /"),
+              HasSubstr("/keywardd.pid\nend\n")));
 }
 
 TEST_F(IdentityDeathTest, PidFileBelongsToTheDaemonUser) {
@@ -631,6 +743,28 @@ TEST_F(Services, TimersOfAllStartBeforeAnyHandler) {
     EXPECT_EQ(all[4].text.rfind("Entering the command line analyzer for service ", 0), 0U);
 }
 
+TEST_F(Services, PipeFilesInTheWayOfOneAreNoEndOfTheDaemon) {
+    for (const char* id : {"beta", "alpha"}) {
+        configure(id);
+        services().push_back(std::make_shared<keywarden::Service>(id));
+    }
+    const std::string input = pipes() + "/beta/beta.in";
+    // Something that cannot be moved aside.
+    std::filesystem::create_directory(input);
+    ASSERT_EQ(::mount("tmpfs", input.c_str(), "tmpfs", 0, nullptr), 0);
+    CapturedLog::clear();
+    EXPECT_EQ(failureOf([] { keywarden::startServices(); }), "no exception");
+    EXPECT_TRUE(CapturedLog::contains(SeverityError, "Failed to create Fifo IN for service beta"));
+    EXPECT_TRUE(becomes([] {
+        return CapturedLog::contains(SeverityInfo, "Entering the command line analyzer for service alpha");
+    })) << CapturedLog::dump();
+    ::umount(input.c_str());
+    EXPECT_TRUE(becomes([] {
+        return CapturedLog::contains(SeverityInfo, "Entering the command line analyzer for service beta");
+    })) << CapturedLog::dump();
+    EXPECT_EQ(rightsOf(input), "0720 root kwmanage");
+}
+
 TEST_F(Services, AreAnnouncedAndTold) {
     for (const char* id : {"beta", "alpha"}) {
         configure(id);
@@ -661,10 +795,12 @@ TEST_F(NotificationFifo, IsMadeWithItsModeAndGroup) {
 }
 
 TEST_F(NotificationFifo, ThatCannotBeMadeFails) {
-    sandbox().write("pipes/notification.signal", "");
+    std::filesystem::remove_all(pipes());
+    sandbox().write("pipes", "in the way");
     const std::string failure = "Error to create Fifo IN: " + fifo();
     EXPECT_EQ(failureOf([] { keywarden::createNotificationFifo(); }), failure);
     EXPECT_EQ(CapturedLog::lines(), (Lines{{SeverityError, failure}}));
+    std::filesystem::remove(pipes());
 }
 
 class Joining : public DaemonTest {

@@ -2,10 +2,12 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <iostream>
 #include <thread>
 
 #include "DaemonFixture.h"
@@ -209,6 +211,50 @@ TEST_F(FatalNotification, IsOnlyLoggedWhileTheDaemonStops) {
     EXPECT_TRUE(end.logged(SeverityError, "Daemon exception caught while time reload: no room"));
 }
 
+class PassedOverDeathTest : public FreshDaemonTest {
+  protected:
+    /// In the process of a death test only.
+    void startThrowing() const {
+        configureDaemon("root", "kwmanage", "continueOnServiceFailure yes");
+        std::filesystem::create_directories(pipes());
+        std::filesystem::create_directories(keyward());
+        TestClock::set(kNow);
+        setNetwork("fqdn.0 old.example\n");
+        for (const char* const id : {"api", "web"}) {
+            configureThrowing(id, "server yes\nselfSignedGeneration yes\nincludeFQDN yes");
+            services().push_back(std::make_shared<Service>(id));
+        }
+        CapturedLog::clear();
+    }
+};
+
+TEST_F(PassedOverDeathTest, ServiceThatFailsIsLoggedAndTheNextOneIsTold) {
+    EXPECT_EXIT(
+        {
+            startThrowing();
+            ownerThrows("newGenerated", "runtime", "no room");
+            setNetwork("fqdn.0 new.example\n");
+            keywarden::networkNotificationHandler();
+            ownerThrows("updateValidity", "odd", "");
+            keywarden::timeNotificationHandler();
+            ownerThrows("updateValidity", "daemon", "");
+            keywarden::notifiyTimeChanged(services().front());
+            std::cerr << "passed over: ";
+            for (const testsupport::LogLine& line : CapturedLog::lines())
+                if (line.severity == SeverityError)
+                    std::cerr << line.text << "|";
+            std::cerr << "\n";
+            services().clear();
+            std::exit(5);
+        },
+        testing::ExitedWithCode(5),
+        HasSubstr("passed over: Runtime error caught while network reload: no room|"
+                  "Runtime error caught while network reload: no room|"
+                  "Unknown exception caught while time reload operation.|"
+                  "Unknown exception caught while time reload operation.|"
+                  "The service api failed in a notification without a reason.|\n"));
+}
+
 class Notifications : public DaemonTest {
   protected:
     void SetUp() override {
@@ -276,6 +322,20 @@ TEST_F(Notifications, ReadTheNetworkAgain) {
         << CapturedLog::dump();
 }
 
+TEST_F(Notifications, WithoutMemoryForOneItIsHandledAMomentLaterAndSoIsTheNext) {
+    const RunningThread thread(keywarden::notificationHandler);
+    for (const char* const line :
+         {"Notification reload network received", "Notification reload network completed"}) {
+        CapturedLog::clear();
+        CapturedLog::failFor(line);
+        ASSERT_TRUE(notify("nt"));
+        EXPECT_TRUE(becomes([this] { return CapturedLog::contains(SeverityNotice, kTime.back().text); }));
+        EXPECT_EQ(CapturedLog::count(SeverityNotice, kNetwork.back().text), 1U);
+        EXPECT_TRUE(CapturedLog::contains(SeverityError, "A notification failed: std::bad_alloc"))
+            << CapturedLog::dump();
+    }
+}
+
 TEST_F(Notifications, AreTraced) {
     const ExitedChild end = runToExit([this] {
         const RunningThread thread(keywarden::notificationHandler);
@@ -289,14 +349,27 @@ TEST_F(Notifications, AreTraced) {
 
 TEST_F(Notifications, FifoThatIsLostEndsTheDaemon) {
     const ExitedChild end = runToExit([] {
+        // Something that cannot be moved aside.
         std::filesystem::remove(fifo());
         std::filesystem::create_directory(fifo());
+        if (::mount("tmpfs", fifo().c_str(), "tmpfs", 0, nullptr) != 0)
+            ::_exit(1);
         keywarden::notificationHandler(nullptr);
     });
     const std::string failure = "Failed to open the fifo file:" + fifo() + " to read the notifications.";
     EXPECT_TRUE(end.exitedWith(12)) << end.dump();
     EXPECT_TRUE(end.logged(SeverityError, failure));
     EXPECT_TRUE(end.logged(SeverityEmergency, "Stopping with the code 12 due to " + failure + "..."));
+    ::umount(fifo().c_str());
+}
+
+TEST_F(Notifications, FolderInTheFifosPlaceIsMovedAside) {
+    std::filesystem::remove(fifo());
+    sandbox().write("pipes/notification.signal/inside", "");
+    const RunningThread thread(keywarden::notificationHandler);
+    ASSERT_TRUE(becomes([] { return std::filesystem::is_fifo(fifo()); }));
+    EXPECT_TRUE(notify("t"));
+    EXPECT_TRUE(comes(4));
 }
 
 TEST_F(Notifications, FifoThatWasReplacedIsMadeAgain) {
@@ -337,6 +410,20 @@ TEST_F(Watcher, SignalEndsTheOtherThreads) {
             }))
             << end.dump();
     }
+}
+
+TEST_F(Watcher, WithoutMemoryForItsLineStillEndsTheOtherThreads) {
+    const ExitedChild end = runToExit([] {
+        const sigset_t stops = StopRequest::signals();
+        ::sigprocmask(SIG_BLOCK, &stops, nullptr);
+        keywarden::startThreads();
+        CapturedLog::failFor("Received fatal signal");
+        ::kill(::getpid(), SIGTERM);
+        keywarden::joinThreads();
+        std::exit(3);
+    });
+    EXPECT_TRUE(end.exitedWith(3)) << end.dump();
+    EXPECT_TRUE(end.logged(SeverityError, "Saying which signal was received failed: std::bad_alloc"));
 }
 
 TEST_F(Watcher, MonitorIsNotStartedWithoutItsSettings) {
@@ -485,6 +572,18 @@ TEST_F(Monitor, JumpOfTheClockIsTold) {
     TestClock::shift(0);
     ASSERT_TRUE(becomes([] { return CapturedLog::contains(SeverityNotice, "Time reload completed"); }));
     EXPECT_EQ(linesStarting({"Detected time drift of -"}).size(), 1U) << CapturedLog::dump();
+}
+
+TEST_F(Monitor, WithoutMemoryForOneLookTheNextIsTaken) {
+    CapturedLog::failFor("Detected time drift");
+    const RunningThread thread(keywarden::MonitorTimeNetworkConfig, &arguments);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    TestClock::shift(10);
+    ASSERT_TRUE(becomes([] {
+        return CapturedLog::contains(SeverityError, "A look of the monitor failed: std::bad_alloc");
+    })) << CapturedLog::dump();
+    TestClock::shift(0);
+    EXPECT_TRUE(becomes([] { return CapturedLog::contains(SeverityNotice, "Time reload completed"); }));
 }
 
 TEST_F(Monitor, SmallJumpIsNothing) {
