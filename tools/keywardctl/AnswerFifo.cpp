@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include "Problem.h"
+#include "support/FileStatus.h"
 
 namespace keywardctl {
 
@@ -31,18 +32,17 @@ AnswerFifo::AnswerFifo(const std::string& folder, const std::string& service)
 
 AnswerFifo::~AnswerFifo() {
     // After a restart of the daemon another requester's may stand there.
-    struct stat there {};
-    struct stat ours {};
-    if (::lstat(path_.c_str(), &there) == 0 && ::fstat(end_.get(), &ours) == 0 &&
-        there.st_dev == ours.st_dev && there.st_ino == ours.st_ino)
+    const auto there = keywarden::linkStatusOfPath(path_);
+    const auto ours = keywarden::statusOf(end_.get());
+    if (there && ours && there->isSameFile(*ours))
         ::unlink(path_.c_str());
 }
 
 void AnswerFifo::removePredecessor() {
-    struct stat info {};
-    if (::lstat(path_.c_str(), &info) != 0)
+    const auto earlier = keywarden::linkStatusOfPath(path_);
+    if (!earlier)
         return;
-    if (!S_ISFIFO(info.st_mode))
+    if (!earlier->isFifo())
         throw Problem(ExitCode::Failed, "'" + path_ +
                                             "' is in the way: it is not a fifo that a requester left behind; "
                                             "look who made it and remove it");
@@ -55,14 +55,14 @@ void AnswerFifo::removePredecessor() {
 // The folder belongs to the service's management group, which the daemon user is a member of. Its other
 // members may write it as well: rights are given to the opened fifo, not to what its path names by then.
 void AnswerFifo::make(const std::string& folder) {
-    struct stat info {};
-    if (::stat(folder.c_str(), &info) != 0)
+    const auto owner = keywarden::statusOfPath(folder);
+    if (!owner)
         throw Problem(ExitCode::Failed, fileProblem("cannot use", folder, errno));
     if (::mkfifo(path_.c_str(), 0600) != 0)
         throw Problem(ExitCode::Failed, fileProblem("cannot make the fifo for the answer,", path_, errno));
     end_ = open();
-    const bool given = ::fchown(end_.get(), static_cast<uid_t>(-1), info.st_gid) == 0;
-    if (!given && ::geteuid() != info.st_uid)
+    const bool given = ::fchown(end_.get(), static_cast<uid_t>(-1), owner->gid) == 0;
+    if (!given && ::geteuid() != owner->uid)
         throw Problem(ExitCode::Failed,
                       fileProblem("cannot give the fifo to the group of its folder,", path_, errno));
     if (::fchmod(end_.get(), kMode) != 0)
@@ -71,10 +71,10 @@ void AnswerFifo::make(const std::string& folder) {
 
 keywarden::UniqueFd AnswerFifo::open() const {
     keywarden::UniqueFd end(::open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
-    struct stat info {};
-    if (!end || ::fstat(end.get(), &info) != 0)
+    const auto status = end ? keywarden::statusOf(end.get()) : std::nullopt;
+    if (!status)
         throw Problem(ExitCode::Failed, fileProblem("cannot read", path_, errno));
-    if (!S_ISFIFO(info.st_mode) || info.st_uid != ::geteuid())
+    if (!status->isFifo() || status->uid != ::geteuid())
         throw Problem(ExitCode::Failed, "'" + path_ + "' was replaced by somebody else's file");
     return end;
 }

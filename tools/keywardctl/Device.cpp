@@ -14,9 +14,9 @@
 #include "Problem.h"
 #include "config/ServiceConfiguration.h"
 #include "daemon/DaemonConfiguration.h"
-#include "stores/RegularFile.h"
 #include "support/Accounts.h"
 #include "support/ConfigurationPath.h"
+#include "support/RegularFile.h"
 #include "support/Tools.h"
 
 namespace keywardctl {

@@ -1,7 +1,6 @@
 #include <CLI/CLI.hpp>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +9,7 @@
 #include "Context.h"
 #include "Device.h"
 #include "Problem.h"
+#include "support/FileStatus.h"
 #include "support/UniqueFd.h"
 
 namespace keywardctl {
@@ -20,9 +20,9 @@ namespace {
     if (error == ENXIO || error == ENOENT)
         device.throwNotRunning("nobody reads '" + path + "'");
     std::string text = fileProblem("cannot open", path, error);
-    struct stat info {};
-    if (error == EACCES && ::stat(path.c_str(), &info) == 0)
-        text += "; " + membershipAdvice(info.st_gid, "notify the daemon");
+    const auto status = keywarden::statusOfPath(path);
+    if (error == EACCES && status)
+        text += "; " + membershipAdvice(status->gid, "notify the daemon");
     throw Problem(ExitCode::Failed, text);
 }
 
@@ -32,8 +32,8 @@ void notify(char what) {
     const keywarden::UniqueFd fifo(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
     if (!fifo)
         throwOpenProblem(device, path, errno);
-    struct stat info {};
-    if (::fstat(fifo.get(), &info) != 0 || !S_ISFIFO(info.st_mode))
+    const auto status = keywarden::statusOf(fifo.get());
+    if (!status || !status->isFifo())
         throw Problem(ExitCode::Failed, "'" + path + "' is not a fifo; restart the daemon");
     if (::write(fifo.get(), &what, 1) == 1)
         return;

@@ -1,11 +1,13 @@
 #include "Output.h"
 
-#include <filesystem>
+#include <cerrno>
+#include <cstdlib>
 #include <fstream>
 #include <iostream>
-#include <system_error>
+#include <memory>
 
 #include "Problem.h"
+#include "support/FileStatus.h"
 #include "support/FileWriter.h"
 
 namespace keywardctl {
@@ -17,6 +19,14 @@ void writeInto(const std::string& path, const std::string& text) {
     file << text << std::flush;
     if (!file)
         throw Problem(ExitCode::Failed, "'" + path + "' cannot be written");
+}
+
+// Where the links on the way lead.
+std::string resolved(const std::string& path) {
+    const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr), &std::free);
+    if (!real)
+        throw Problem(ExitCode::Failed, fileProblem("cannot find", path, errno));
+    return real.get();
 }
 
 }  // namespace
@@ -32,15 +42,14 @@ void writeOutput(const std::string& path, const std::string& text) {
         print(text);
         return;
     }
-    std::error_code error;
-    const auto kind = std::filesystem::status(path, error).type();
-    if (kind != std::filesystem::file_type::not_found && kind != std::filesystem::file_type::regular) {
+    const auto there = keywarden::statusOfPath(path);
+    const bool isNone = !there && (errno == ENOENT || errno == ENOTDIR);
+    if (!isNone && (!there || !there->isRegular())) {
         writeInto(path, text);
         return;
     }
     try {
-        const bool there = kind == std::filesystem::file_type::regular;
-        keywarden::FileWriter::write(there ? std::filesystem::canonical(path).string() : path, text, {});
+        keywarden::FileWriter::write(there ? resolved(path) : path, text, {});
     } catch (const std::exception& failure) {
         throw Problem(ExitCode::Failed, failure.what());
     }

@@ -10,7 +10,8 @@
 
 #include "Problem.h"
 #include "stores/CertificateId.h"
-#include "stores/RegularFile.h"
+#include "support/FileStatus.h"
+#include "support/RegularFile.h"
 #include "support/Tools.h"
 #include "support/UniqueFd.h"
 
@@ -25,8 +26,11 @@ constexpr unsigned kRandomLength = 16;
 void removeLeftOvers(const std::string& folder) {
     std::error_code ignored;
     for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {
-        if (entry.path().filename().string().rfind(kPrefix, 0) == 0 && entry.is_regular_file(ignored))
-            std::filesystem::remove(entry.path(), ignored);
+        if (entry.path().filename().string().rfind(kPrefix, 0) != 0)
+            continue;
+        const auto status = keywarden::statusOfPath(entry.path());
+        if (status && status->isRegular())
+            ::unlink(entry.path().c_str());
     }
 }
 

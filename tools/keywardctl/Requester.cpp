@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,6 +11,7 @@
 #include <string_view>
 
 #include "Problem.h"
+#include "support/FileStatus.h"
 #include "support/Tools.h"
 
 namespace keywardctl {
@@ -146,8 +146,8 @@ keywarden::UniqueFd Requester::openInput() const {
     for (;;) {
         keywarden::UniqueFd input(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
         const int error = errno;
-        struct stat info {};
-        if (input && ::fstat(input.get(), &info) == 0 && S_ISFIFO(info.st_mode))
+        const auto status = input ? keywarden::statusOf(input.get()) : std::nullopt;
+        if (status && status->isFifo())
             return input;
         if (input)
             throw Problem(ExitCode::Failed, "'" + path + "' is not a fifo; restart the daemon");

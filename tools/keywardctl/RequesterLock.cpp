@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -10,6 +9,7 @@
 #include <string_view>
 
 #include "Problem.h"
+#include "support/FileStatus.h"
 
 namespace keywardctl {
 
@@ -20,17 +20,16 @@ constexpr std::string_view kMark = "unanswered";
 
 // The daemon makes the file anew at its start: one that was locked may be another by then.
 bool standsAt(const std::string& path, int file) {
-    struct stat there {};
-    struct stat ours {};
-    return ::lstat(path.c_str(), &there) == 0 && ::fstat(file, &ours) == 0 && there.st_dev == ours.st_dev &&
-           there.st_ino == ours.st_ino;
+    const auto there = keywarden::linkStatusOfPath(path);
+    const auto ours = keywarden::statusOf(file);
+    return there && ours && there->isSameFile(*ours);
 }
 
 // The folder's group may write it: what is written into must be no other file that somebody linked there.
-bool isLockFile(const struct stat& info, const std::string& folder) {
-    struct stat owner {};
-    return S_ISREG(info.st_mode) && info.st_nlink == 1 && ::stat(folder.c_str(), &owner) == 0 &&
-           (info.st_uid == owner.st_uid || info.st_uid == ::geteuid());
+bool isLockFile(const keywarden::FileStatus& file, const std::string& folder) {
+    const auto owner = keywarden::statusOfPath(folder);
+    return file.isRegular() && file.links == 1 && owner &&
+           (file.uid == owner->uid || file.uid == ::geteuid());
 }
 
 }  // namespace
@@ -57,8 +56,9 @@ RequesterLock::RequesterLock(const Device& device, const std::string& service, c
 keywarden::UniqueFd RequesterLock::open(const Device& device, const std::string& service) const {
     keywarden::UniqueFd file(::open(path_.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     const int error = errno;
-    struct stat info {};
-    if (file && ::fstat(file.get(), &info) == 0 && isLockFile(info, Device::pipesFolder(service)))
+    const std::string folder = Device::pipesFolder(service);
+    const auto status = file ? keywarden::statusOf(file.get()) : std::nullopt;
+    if (status && isLockFile(*status, folder))
         return file;
     if (file)
         throw Problem(ExitCode::Failed, "'" + path_ + "' is not the daemon's lock file; restart the daemon");
@@ -69,8 +69,9 @@ keywarden::UniqueFd RequesterLock::open(const Device& device, const std::string&
     if (error == ENOENT)
         device.throwNotRunning("'" + path_ + "' does not exist");
     std::string text = fileProblem("cannot open", path_, error);
-    if (error == EACCES && ::stat(Device::pipesFolder(service).c_str(), &info) == 0)
-        text += "; " + membershipAdvice(info.st_gid, "command the service '" + service + "'");
+    const auto owner = keywarden::statusOfPath(folder);
+    if (error == EACCES && owner)
+        text += "; " + membershipAdvice(owner->gid, "command the service '" + service + "'");
     throw Problem(ExitCode::Failed, text);
 }
 

@@ -11,7 +11,7 @@
 #include "Stores.h"
 #include "config/ServiceConfiguration.h"
 #include "stores/CertificateId.h"
-#include "stores/RegularFile.h"
+#include "support/RegularFile.h"
 
 namespace keywardctl {
 

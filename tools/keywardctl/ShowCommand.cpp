@@ -1,7 +1,5 @@
 #include "ShowCommand.h"
 
-#include <sys/stat.h>
-
 #include <CLI/CLI.hpp>
 #include <memory>
 
@@ -16,8 +14,9 @@
 #include "config/ExternalCertificatesAccessor.h"
 #include "config/ServiceConfiguration.h"
 #include "stores/CertificateId.h"
-#include "stores/RegularFile.h"
 #include "support/Clock.h"
+#include "support/FileStatus.h"
+#include "support/RegularFile.h"
 
 namespace keywardctl {
 
@@ -77,15 +76,15 @@ void showStored(const ShowOptions& options, const std::string& store, const std:
 
 void showRequest(const ShowOptions& options) {
     const std::string path = serverStoreOf(options.service).csrPath();
-    struct stat file {};
-    if (!isRequestPending(options.service) || ::stat(path.c_str(), &file) != 0)
+    const auto file = keywarden::statusOfPath(path);
+    if (!isRequestPending(options.service) || !file)
         throw Problem(ExitCode::Failed, "the service '" + options.service + "' has no pending request");
     if (options.pem) {
         print(keywarden::readRegularFile(path, keywarden::kLargestCertificateFile));
         return;
     }
     const RequestFacts facts = requestFactsOf(path);
-    const std::int64_t made = file.st_mtim.tv_sec;
+    const std::int64_t made = file->modificationTime;
     if (options.json) {
         Json json;
         json.text("path", path).text("subject", facts.subject).text("key", facts.key);

@@ -1,7 +1,5 @@
 #include "Stores.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cerrno>
 
@@ -9,17 +7,18 @@
 #include "config/ExternalCertificatesAccessor.h"
 #include "stores/CertificateId.h"
 #include "stores/CertificateIdList.h"
-#include "stores/RegularFile.h"
+#include "support/FileStatus.h"
+#include "support/RegularFile.h"
 
 namespace keywardctl {
 
 namespace {
 
 // Nothing for a file that does not exist. Throws Problem when it cannot be known.
-std::optional<struct stat> look(const std::string& path) {
-    struct stat info {};
-    if (::stat(path.c_str(), &info) == 0)
-        return info;
+std::optional<keywarden::FileStatus> look(const std::string& path) {
+    const auto status = keywarden::statusOfPath(path);
+    if (status)
+        return status;
     if (errno == ENOENT || errno == ENOTDIR)
         return std::nullopt;
     throw Problem(ExitCode::Failed, fileProblem("cannot look at", path, errno));
@@ -52,7 +51,7 @@ std::optional<ActiveCertificate> activeCertificateOf(const std::string& service)
     const auto file = look(active.path);
     if (!file)
         return std::nullopt;
-    active.installedAt = file->st_mtim.tv_sec;
+    active.installedAt = file->modificationTime;
     active.pem = readFile(active.path);
     active.certificate = certificateIn(active.pem, active.path);
     return active;

@@ -37,14 +37,14 @@ TEST_F(CheckCertificates, SourcesOfRequestSettingsAreToldApart) {
     device.append("services/web.conf", "cnfHookFile ~/hook");
     EXPECT_THAT(
         device.check(),
-        ElementsAre(kWeb + ":7: warning: 'cnfHookFile' is never run beside 'cnfFile' [two-request-settings]",
-                    kWeb + ":7: error: the file of 'cnfHookFile' does not exist: '~/hook' [hook-unusable]"));
+        ElementsAre(kWeb + ":8: warning: 'cnfHookFile' is never run beside 'cnfFile' [two-request-settings]",
+                    kWeb + ":8: error: the file of 'cnfHookFile' does not exist: '~/hook' [hook-unusable]"));
     device.setLine("services/web.conf", 6, "#");
     device.write("hook", "#!/bin/sh\n", 0644);
     EXPECT_THAT(
         device.check(),
-        ElementsAre(kWeb + ":7: error: the daemon user 'keyuser' cannot use '~/hook' [hook-unusable]"));
-    device.setLine("services/web.conf", 7, "#");
+        ElementsAre(kWeb + ":8: error: the daemon user 'keyuser' cannot use '~/hook' [hook-unusable]"));
+    device.setLine("services/web.conf", 8, "#");
     EXPECT_THAT(device.check(), ElementsAre(kWeb + ": error: neither 'cnfFile' nor 'cnfHookFile' is set "
                                                    "[no-request-settings]"));
 }
@@ -177,9 +177,10 @@ TEST_F(CheckCertificates, AnActiveFileWithoutAnIdIsTold) {
     device.write("store/web/server/.cacheddata/active.txt", "../../etc/passwd");
     device.rights("store/web/server/.cacheddata/active.txt", 0644, CheckedDevice::kUser,
                   CheckedDevice::kManagement);
-    EXPECT_THAT(device.check(),
-                ElementsAre("~/store/web/server/.cacheddata/active.txt: error: '../../etc/passwd' is "
-                            "no id of a certificate [active-malformed]"));
+    EXPECT_THAT(device.check(), testing::UnorderedElementsAre(
+                                    "~/store/web/server/.cacheddata/active.txt: error: '../../etc/passwd' is "
+                                    "no id of a certificate [active-malformed]",
+                                    testing::HasSubstr("[not-in-force]")));
 }
 
 TEST_F(CheckCertificates, AnActiveIdWithoutFilesIsTold) {
@@ -189,6 +190,47 @@ TEST_F(CheckCertificates, AnActiveIdWithoutFilesIsTold) {
                 ElementsAre("~/store/web/server/.cacheddata/active.txt: error: the active certificate "
                             "has no file '~/store/web/server/" +
                             id + ".key' [active-without-files]"));
+}
+
+TEST_F(CheckCertificates, FilesOfCertificatesThatAreNotInForceAreTold) {
+    const std::string id = device.storePair({});
+    const std::string server = "store/web/server/";
+    for (const char* const name : {"0a1b2c3d.0", "0a1b2c3d.0.key", ".cacheddata/0a1b2c3d.0.network",
+                                   ".cacheddata/0a1b2c3d.0.overwrite", ".cacheddata/1a1b2c3d.0.network"})
+        device.write(server + name, "x");
+    device.write(server + id + ".kept", "x");
+    device.write(server + id + ".kept.key", "x");
+    for (const char* const name : {"README", "0a1b2c3d.0.backup", "0a1b2c3d", ".0a1b2c3d.0.7.0.new"})
+        device.write(server + name, "x");
+    const std::string store = "~/store/web/server";
+    const std::string begin = store + ": warning: files of a certificate that is not in force: ";
+    EXPECT_THAT(device.check(), testing::UnorderedElementsAre(
+                                    begin + "'" + store + "/0a1b2c3d.0', '" + store + "/0a1b2c3d.0.key', '" +
+                                        store + "/.cacheddata/0a1b2c3d.0.network', '" + store +
+                                        "/.cacheddata/0a1b2c3d.0.overwrite' [not-in-force]",
+                                    begin + "'" + store + "/.cacheddata/1a1b2c3d.0.network' [not-in-force]",
+                                    begin + "'" + store + "/" + id + ".kept', '" + store + "/" + id +
+                                        ".kept.key' [not-in-force]"));
+    const std::string text = device.on([] { return reportText(keywardctl::check::checkDevice({})); });
+    EXPECT_THAT(text,
+                testing::HasSubstr("\n    To put it in force, write its id into '" + store +
+                                   "/.cacheddata/active.txt', without a line end, and reload the service; "
+                                   "else remove them.\n"));
+    EXPECT_THAT(text,
+                testing::HasSubstr("\n    Without a certificate and its key beside each other none can be "
+                                   "put in force: remove them.\n"));
+    EXPECT_THAT(text,
+                testing::HasSubstr("\n    A new certificate got its id. To put this one in force, move " +
+                                   store + "/" + id + ".kept and "));
+}
+
+TEST_F(CheckCertificates, ACertificateThatTheActiveFileDoesNotNameIsTold) {
+    const std::string id = device.storePair({});
+    device.remove("store/web/server/.cacheddata/active.txt");
+    EXPECT_THAT(device.check(),
+                ElementsAre("~/store/web/server: warning: files of a certificate that is not in force: "
+                            "'~/store/web/server/" +
+                            id + "', '~/store/web/server/" + id + ".key' [not-in-force]"));
 }
 
 TEST_F(CheckCertificates, FilesThatHoldNoCertificateAndNoKeyAreTold) {

@@ -165,7 +165,8 @@ TEST_F(CheckFiles, TheCommandThatMendsAMembershipIsGiven) {
 }
 
 TEST_F(CheckFiles, AServiceWithoutGroupsIsTold) {
-    device.write("services/web.conf", "callbackScript ~/owner.sh\nserver yes\ncnfFile ~/web.cnf\n");
+    device.write("services/web.conf",
+                 "callbackScript ~/owner.sh\ncallbackTimeoutSecs 60\nserver yes\ncnfFile ~/web.cnf\n");
     EXPECT_THAT(device.check(), ElementsAre(kWeb + ": error: 'managmentGroup' is missing [missing-key]",
                                             kWeb + ": error: 'keyGroup' is missing [missing-key]"));
 }
@@ -295,9 +296,21 @@ TEST_F(CheckFiles, CallbacksThatStopTheServiceAreTold) {
                                    "[no-callback]"));
 }
 
+TEST_F(CheckFiles, ACallbackScriptThatMayRunForEverIsTold) {
+    device.setLine("services/web.conf", 7, "#");
+    EXPECT_THAT(
+        device.check(),
+        ElementsAre(kWeb + ":3: warning: 'callbackScript' has no time-out: a run that does not end holds "
+                           "up the service, and the changes of network and time for all services that "
+                           "come after it [no-callback-timeout]"));
+    // The daemon does not watch over a library.
+    useLibrary(PLUGIN_RECORDER);
+    EXPECT_THAT(device.check(), IsEmpty());
+}
+
 TEST_F(CheckFiles, OfTwoCallbacksTheLibraryIsToldAsUnused) {
     device.append("services/web.conf", "callbackLibrary /nowhere.so");
-    EXPECT_THAT(device.check(), ElementsAre(kWeb + ":7: warning: 'callbackLibrary' is never loaded beside "
+    EXPECT_THAT(device.check(), ElementsAre(kWeb + ":8: warning: 'callbackLibrary' is never loaded beside "
                                                    "'callbackScript' [two-callbacks]"));
 }
 
@@ -346,6 +359,7 @@ TEST_F(CheckFiles, ACutLibraryIsNotReadBeyondItsEnd) {
 TEST_F(CheckFiles, AuthoritiesThatCannotSignAreTold) {
     const std::string base =
         "managmentGroup kwmgmt\nkeyGroup kwkey\ncallbackScript ~/owner.sh\nserver yes\n"
+        "callbackTimeoutSecs 60\n"
         "CASignedGeneration yes\ncnfFile ~/web.cnf\n";
     const auto with = [&](const std::string& line) {
         device.write("services/api.conf", base + line);
@@ -355,17 +369,17 @@ TEST_F(CheckFiles, AuthoritiesThatCannotSignAreTold) {
     EXPECT_THAT(with(""), ElementsAre(api + ": error: 'CAServiceId' is missing: nobody signs the certificate "
                                             "[no-authority]"));
     EXPECT_THAT(with("CAServiceId api\n"),
-                ElementsAre(api + ":7: error: a service cannot be its own authority [own-authority]"));
+                ElementsAre(api + ":8: error: a service cannot be its own authority [own-authority]"));
     EXPECT_THAT(with("CAServiceId pki\n"),
-                ElementsAre(api + ":7: error: there is no service 'pki' [unknown-authority]"));
+                ElementsAre(api + ":8: error: there is no service 'pki' [unknown-authority]"));
     EXPECT_THAT(
         with("CAServiceId web\n"),
-        ElementsAre(api + ":7: error: the certificate of the service 'web' is not a CA's [authority-no-ca]",
-                    api + ":7: warning: the service 'web' may be started after this one, before it has a "
+        ElementsAre(api + ":8: error: the certificate of the service 'web' is not a CA's [authority-no-ca]",
+                    api + ":8: warning: the service 'web' may be started after this one, before it has a "
                           "certificate to sign with [authority-order]"));
     device.write("services/pki.conf", "server no\n");
     EXPECT_THAT(with("CAServiceId pki\n"),
-                ElementsAre(api + ":7: error: the service 'pki' has no certificate of its "
+                ElementsAre(api + ":8: error: the service 'pki' has no certificate of its "
                                   "own to sign with [authority-without-server]"));
     device.write("services/pki.conf", "server yes\ncnfFile ~/ca.cnf\n");
     device.write("ca.cnf",
@@ -378,6 +392,7 @@ TEST_F(CheckFiles, AnActiveCertificateOfAnAuthorityCountsMoreThanItsSettings) {
     device.setLine("web.cnf", 8, "basicConstraints CA:TRUE");
     device.write("services/api.conf",
                  "managmentGroup kwmgmt\nkeyGroup kwkey\ncallbackScript ~/owner.sh\nserver yes\n"
+                 "callbackTimeoutSecs 60\n"
                  "CASignedGeneration yes\ncnfFile ~/web.cnf\nCAServiceId web\n");
     EXPECT_THAT(device.check({"api"}), testing::Contains(testing::HasSubstr("[authority-no-ca]")));
 }
@@ -388,9 +403,9 @@ TEST_F(CheckFiles, InterfacesThatAreNeverReadAreTold) {
     device.append("services/web.conf", "includeIPv4.1 yes");
     EXPECT_THAT(
         device.check(),
-        ElementsAre(kWeb + ":8: error: 'networkInterface.2' is never read: there is no 'networkInterface.1' "
+        ElementsAre(kWeb + ":9: error: 'networkInterface.2' is never read: there is no 'networkInterface.1' "
                            "[interface-gap]",
-                    kWeb + ":9: error: 'includeIPv4.1' is never read: there is no interface of this number "
+                    kWeb + ":10: error: 'includeIPv4.1' is never read: there is no interface of this number "
                            "[stray-interface-key]"));
 }
 
@@ -401,10 +416,10 @@ TEST_F(CheckFiles, InterfacesThatGiveNothingAreTold) {
     device.append("services/web.conf", "includeIPv6Auto.0 yes");
     EXPECT_THAT(
         device.check(),
-        ElementsAre(kWeb + ":8: warning: 'eth0' is listed again; what stands for 'networkInterface.0' counts "
+        ElementsAre(kWeb + ":9: warning: 'eth0' is listed again; what stands for 'networkInterface.0' counts "
                            "[repeated-interface]",
-                    kWeb + ":9: warning: the device has no interface 'eth7' [unknown-interface]",
-                    kWeb + ":10: warning: 'includeIPv6Auto.0' has no effect without 'includeIPv6.0 yes' "
+                    kWeb + ":10: warning: the device has no interface 'eth7' [unknown-interface]",
+                    kWeb + ":11: warning: 'includeIPv6Auto.0' has no effect without 'includeIPv6.0 yes' "
                            "[auto-without-family]"));
 }
 
@@ -412,7 +427,7 @@ TEST_F(CheckFiles, ADeviceWithoutNamesIsTold) {
     device.write("scripts/network.sh", "#!/bin/sh\n", 0755);
     device.append("services/web.conf", "includeFQDN yes");
     EXPECT_THAT(device.check(),
-                ElementsAre(kWeb + ":7: warning: the network script tells no name of the device "
+                ElementsAre(kWeb + ":8: warning: the network script tells no name of the device "
                                    "[no-device-names]"));
 }
 
@@ -449,9 +464,10 @@ TEST_F(CheckFiles, NothingOnTheDeviceIsChanged) {
 TEST_F(CheckFiles, WhoIsNotRootLearnsWhatWasNotLookedAt) {
     const std::string id = device.storePair({});
     device.askAsNobody();
-    EXPECT_THAT(device.check(), ElementsAre("~/store/web/server/" + id +
-                                            ".key: note: this could not be looked at: Permission denied "
-                                            "[not-looked-at]"));
+    const std::string note = ": note: this could not be looked at: Permission denied [not-looked-at]";
+    EXPECT_THAT(device.check(),
+                ElementsAre("~/store/web/server/" + id + ".key" + note, "~/store/web/server" + note,
+                            "~/store/web/server/.cacheddata" + note));
     device.rights("services", 0700, 0, 0);
     EXPECT_THAT(device.check(),
                 testing::Contains("~/services: note: this could not be looked at: Std exception "

@@ -30,7 +30,7 @@ class CheckKeys : public testing::Test {
     CheckedDevice device;
 };
 
-const std::string kLine7 = "~/services/web.conf:7: ";
+const std::string kLine8 = "~/services/web.conf:8: ";
 
 std::string randomText(std::mt19937& random) {
     static const std::string kLetters = "  \t\t##==ab.\r\n\n";
@@ -55,7 +55,7 @@ TEST_F(CheckKeys, AMisspeltKeyIsToldWithTheNearestOne) {
         device.check(),
         ElementsAre("~/config.daemon:9: error: 'TimeDriftsleepTime' is no key of this file and is ignored "
                     "[unknown-key]",
-                    kLine7 + "error: 'selfSignedValidty' is no key of this file and is ignored [unknown-key]",
+                    kLine8 + "error: 'selfSignedValidty' is no key of this file and is ignored [unknown-key]",
                     "~/web.cnf:9: error: 'subjectAltName' is no key of this file and is ignored "
                     "[unknown-key]"));
 }
@@ -77,15 +77,15 @@ TEST(CheckKeyTables, TheNearestKeyIsFoundAndAFarOneIsNone) {
 TEST_F(CheckKeys, OfARepeatedKeyTheFirstCounts) {
     EXPECT_THAT(
         withServiceLine("keyGroup other"),
-        ElementsAre(kLine7 + "warning: 'keyGroup' is given again; the one in line 2 counts [repeated-key]"));
+        ElementsAre(kLine8 + "warning: 'keyGroup' is given again; the one in line 2 counts [repeated-key]"));
 }
 
 TEST_F(CheckKeys, ATabIsNoSpace) {
     device.append("services/web.conf", "name\tWeb server");
     EXPECT_THAT(
         withServiceLine("includeFQDN\tyes"),
-        ElementsAre(kLine7 + "error: a tab follows 'name', so that the line does not set it [tab-for-space]",
-                    "~/services/web.conf:8: error: a tab follows 'includeFQDN', so that the line does not "
+        ElementsAre(kLine8 + "error: a tab follows 'name', so that the line does not set it [tab-for-space]",
+                    "~/services/web.conf:9: error: a tab follows 'includeFQDN', so that the line does not "
                     "set it [tab-for-space]"));
 }
 
@@ -102,14 +102,14 @@ TEST_F(CheckKeys, AnEqualsSignIsToldInEveryPlace) {
 
 TEST_F(CheckKeys, AKeyWithoutAValueIsIgnored) {
     EXPECT_THAT(withServiceLine("callbackLibrary "),
-                ElementsAre(kLine7 + "warning: 'callbackLibrary' has no value, so that the line is ignored "
+                ElementsAre(kLine8 + "warning: 'callbackLibrary' has no value, so that the line is ignored "
                                      "[key-without-value]"));
 }
 
 TEST_F(CheckKeys, AnIndentedLineWithACommentSetsNothing) {
     EXPECT_THAT(
         withServiceLine("  includeFQDN yes # names too"),
-        ElementsAre(kLine7 + "error: the line sets nothing: it is indented and has a comment, so that its "
+        ElementsAre(kLine8 + "error: the line sets nothing: it is indented and has a comment, so that its "
                              "key is empty [empty-key]"));
 }
 
@@ -127,7 +127,7 @@ TEST_F(CheckKeys, CommentsWithBlanksAroundTheirSignAreFine) {
 TEST_F(CheckKeys, ASignInsideAValueCutsIt) {
     device.setLine("web.cnf", 5, "O Acme#1");
     EXPECT_THAT(withServiceLine("name Web #1"),
-                ElementsAre(kLine7 + "warning: the value ends before the '#': 'Web' [hash-in-value]",
+                ElementsAre(kLine8 + "warning: the value ends before the '#': 'Web' [hash-in-value]",
                             "~/web.cnf:5: warning: the value ends before the '#': 'Acme' [hash-in-value]"));
 }
 
@@ -135,7 +135,7 @@ TEST_F(CheckKeys, ACarriageReturnIsToldOnceAFile) {
     device.append("services/web.conf", "includeFQDN yes\r");
     EXPECT_THAT(
         withServiceLine("ca yes\r"),
-        ElementsAre(kLine7 + "error: the line ends in a carriage return, which becomes a part of its value "
+        ElementsAre(kLine8 + "error: the line ends in a carriage return, which becomes a part of its value "
                              "[carriage-return]"));
 }
 
@@ -145,9 +145,9 @@ TEST_F(CheckKeys, ASwitchThatIsNotExactlyYesIsOff) {
     device.append("services/web.conf", "trustedClients no");
     EXPECT_THAT(
         withServiceLine("opensslEngine yes please"),
-        ElementsAre(kLine7 + "error: 'includeFQDN' is off: 'Yes' is not 'yes' [not-yes]",
-                    "~/services/web.conf:8: error: 'ca' is off: 'true' is not 'yes' [not-yes]",
-                    "~/services/web.conf:10: error: 'opensslEngine' is off: 'yes please' is not 'yes' "
+        ElementsAre(kLine8 + "error: 'includeFQDN' is off: 'Yes' is not 'yes' [not-yes]",
+                    "~/services/web.conf:9: error: 'ca' is off: 'true' is not 'yes' [not-yes]",
+                    "~/services/web.conf:11: error: 'opensslEngine' is off: 'yes please' is not 'yes' "
                     "[not-yes]"));
 }
 
@@ -161,31 +161,82 @@ TEST_F(CheckKeys, NumbersThatStopTheServiceAreTold) {
     EXPECT_THAT(
         device.check(),
         ElementsAre(
-            kLine7 + "error: 'CertDailyExpiryChkTimeOffsetSecs' is not from 0 to 86399: '86400' "
+            kLine8 + "error: 'CertDailyExpiryChkTimeOffsetSecs' is not from 0 to 86399: '86400' "
                      "[out-of-range]",
-            "~/services/web.conf:9: error: 'maximumCA' is no number: 'many' [not-a-number]",
-            "~/services/web.conf:11: error: 'maximumTrustedClients' is not from 0 to 65535: '65536' "
+            "~/services/web.conf:10: error: 'maximumCA' is no number: 'many' [not-a-number]",
+            "~/services/web.conf:12: error: 'maximumTrustedClients' is not from 0 to 65535: '65536' "
             "[out-of-range]",
-            "~/services/web.conf:12: error: 'selfSignedValidityOffset' is not less than the validity: 30 of "
+            "~/services/web.conf:13: error: 'selfSignedValidityOffset' is not less than the validity: 30 of "
             "30 days [out-of-range]"));
 }
 
 TEST_F(CheckKeys, AValidityBeyondAllCertificatesIsTold) {
     device.setClock(1800000000);
     EXPECT_THAT(withServiceLine("selfSignedValidity 3000000"),
-                ElementsAre(kLine7 + "error: 'selfSignedValidity' reaches beyond the year 9999: 3000000 days "
+                ElementsAre(kLine8 + "error: 'selfSignedValidity' reaches beyond the year 9999: 3000000 days "
                                      "[out-of-range]"));
 }
 
+std::vector<std::string> toldOfPeriods(const std::string& lines, std::size_t bytesOfLong) {
+    const keywardctl::check::CheckedFile file(ConfigLines("web.conf", lines, Dialect::Configuration));
+    keywardctl::check::Report report;
+    keywardctl::check::checkServiceValues(file, report, bytesOfLong);
+    return findingLines(reportText(report));
+}
+
+TEST(CheckPeriods, AValidityThatA32BitDeviceCutsIsTold) {
+    const std::string lines = "server yes\nselfSignedValidity 24856\nCASignedValidity 36500\n";
+    const auto cut = [](const std::string& key, const std::string& days) {
+        return "warning: '" + key + "' is more than a 32-bit device can count: " + days +
+               " days, and the certificate ends at another time [validity-cut]";
+    };
+    EXPECT_THAT(toldOfPeriods(lines, 4), ElementsAre("web.conf:2: " + cut("selfSignedValidity", "24856"),
+                                                     "web.conf:3: " + cut("CASignedValidity", "36500")));
+    EXPECT_THAT(toldOfPeriods(lines, 8), IsEmpty());
+    EXPECT_THAT(toldOfPeriods("selfSignedValidity 24855\nCASignedValidity 24855\n", 4), IsEmpty());
+}
+
+TEST(CheckPeriods, TheOffsetBringsTheEndNearer) {
+    const std::string end = "\nselfSignedValidityOffset 145\n";
+    EXPECT_THAT(toldOfPeriods("selfSignedValidity 25000" + end, 4), IsEmpty());
+    EXPECT_THAT(toldOfPeriods("selfSignedValidity 25001" + end, 4), testing::SizeIs(1));
+}
+
+TEST(CheckPeriods, TheMostDaysAreGiven) {
+    const keywardctl::check::CheckedFile file(ConfigLines(
+        "web.conf", "selfSignedValidity 30000\nselfSignedValidityOffset 2\n", Dialect::Configuration));
+    keywardctl::check::Report report;
+    keywardctl::check::checkServiceValues(file, report, 4);
+    EXPECT_THAT(reportText(report), testing::HasSubstr("\n    Write at most 24857 days.\n"));
+}
+
+TEST(CheckPeriods, AYearBeyondAllCertificatesIsToldOnce) {
+    EXPECT_THAT(toldOfPeriods("selfSignedValidity 3000000\n", 4),
+                ElementsAre(testing::HasSubstr("[out-of-range]")));
+}
+
 TEST_F(CheckKeys, ATimeOutThatCannotBeKeptIsTold) {
-    EXPECT_THAT(
-        withServiceLine("callbackTimeoutSecs 86401"),
-        ElementsAre(kLine7 + "error: 'callbackTimeoutSecs' is not from 1 to 86400: '86401' is ignored "
-                             "and the callback has no time-out [ignored-number]"));
+    device.setLine("services/web.conf", 7, "callbackTimeoutSecs 86401");
+    EXPECT_THAT(device.check(),
+                ElementsAre("~/services/web.conf:7: error: 'callbackTimeoutSecs' is not from 1 to "
+                            "86400: '86401' is ignored and the callback has no time-out "
+                            "[ignored-number]"));
 }
 
 TEST_F(CheckKeys, ATimeOutInSecondsIsFine) {
-    EXPECT_THAT(withServiceLine("callbackTimeoutSecs 86400"), ElementsAre());
+    device.setLine("services/web.conf", 7, "callbackTimeoutSecs 86400");
+    EXPECT_THAT(device.check(), IsEmpty());
+}
+
+TEST_F(CheckKeys, TheSwitchOfTheDaemonsFileIsKnown) {
+    device.append("config.daemon", "continueOnServiceFailure yes");
+    EXPECT_THAT(device.check(), IsEmpty());
+    device.setLine("config.daemon", 9, "continueOnServiceFailure no");
+    EXPECT_THAT(device.check(), IsEmpty());
+    device.setLine("config.daemon", 9, "continueOnServiceFailure Yes");
+    EXPECT_THAT(device.check(),
+                ElementsAre("~/config.daemon:9: error: 'continueOnServiceFailure' is off: 'Yes' is not 'yes' "
+                            "[not-yes]"));
 }
 
 TEST_F(CheckKeys, NumbersThatArePassedOverAreTold) {
@@ -193,9 +244,9 @@ TEST_F(CheckKeys, NumbersThatArePassedOverAreTold) {
     device.append("services/web.conf", "CASignedValidityOffset -3");
     EXPECT_THAT(
         device.check(),
-        ElementsAre(kLine7 + "error: 'selfSignedValidity' is not at least 1: '0' is ignored and 30 counts "
+        ElementsAre(kLine8 + "error: 'selfSignedValidity' is not at least 1: '0' is ignored and 30 counts "
                              "[ignored-number]",
-                    "~/services/web.conf:8: error: 'CASignedValidityOffset' is not at least 0: '-3' is "
+                    "~/services/web.conf:9: error: 'CASignedValidityOffset' is not at least 0: '-3' is "
                     "ignored and 0 counts [ignored-number]"));
 }
 
@@ -205,7 +256,7 @@ TEST_F(CheckKeys, TextAfterANumberIsTold) {
         withServiceLine("selfSignedValidity 90 days"),
         ElementsAre("~/config.daemon:9: warning: 'minDateForGeneratingCert' is read as 5: what follows the "
                     "number in '5s' is ignored [text-after-number]",
-                    kLine7 + "warning: 'selfSignedValidity' is read as 90: what follows the number in "
+                    kLine8 + "warning: 'selfSignedValidity' is read as 90: what follows the number in "
                              "'90 days' is ignored [text-after-number]"));
 }
 
@@ -214,7 +265,7 @@ TEST_F(CheckKeys, AClientsLimitCountsOnlyBesideTheOneForCAs) {
     device.append("services/web.conf", "maximumTrustedClients 7");
     EXPECT_THAT(
         device.check(),
-        ElementsAre("~/services/web.conf:8: error: 'maximumTrustedClients' counts only beside 'maximumCA': "
+        ElementsAre("~/services/web.conf:9: error: 'maximumTrustedClients' counts only beside 'maximumCA': "
                     "the store takes any number of certificates [clients-limit-ignored]"));
     device.append("services/web.conf", "maximumCA 0");
     EXPECT_THAT(device.check(), IsEmpty());
@@ -225,8 +276,8 @@ TEST_F(CheckKeys, KeysOfWhatIsSwitchedOffHaveNoEffect) {
     device.append("services/web.conf", "CAServiceId pkiroot");
     EXPECT_THAT(
         device.check(),
-        ElementsAre(kLine7 + "warning: 'uniqueCaByCn' has no effect without 'ca yes' [without-effect]",
-                    "~/services/web.conf:8: warning: 'CAServiceId' has no effect without "
+        ElementsAre(kLine8 + "warning: 'uniqueCaByCn' has no effect without 'ca yes' [without-effect]",
+                    "~/services/web.conf:9: warning: 'CAServiceId' has no effect without "
                     "'CASignedGeneration yes' [without-effect]"));
 }
 

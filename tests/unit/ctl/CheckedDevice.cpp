@@ -63,7 +63,7 @@ CheckedDevice::CheckedDevice() {
           "lockFile ~/run/keywardd.lock\npidFile ~/run/keywardd.pid\n");
     write("services/web.conf",
           "managmentGroup kwmgmt\nkeyGroup kwkey\ncallbackScript ~/owner.sh\n"
-          "server yes\nselfSignedGeneration yes\ncnfFile ~/web.cnf\n");
+          "server yes\nselfSignedGeneration yes\ncnfFile ~/web.cnf\ncallbackTimeoutSecs 60\n");
     write("web.cnf",
           "CONFIG_KEY PRIME256V1\nC DE\nST BY\nL Hof\nO Acme\nOU Ops\nCN device.test\n"
           "basicConstraints CA:FALSE\n");

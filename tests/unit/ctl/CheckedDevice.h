@@ -22,7 +22,7 @@ class CheckedDevice {
 
     // Lines of the files as they are at first; a line appended is the next one.
     static constexpr unsigned kDaemonLines = 8;
-    static constexpr unsigned kServiceLines = 6;
+    static constexpr unsigned kServiceLines = 7;
     static constexpr unsigned kSettingsLines = 8;
 
     CheckedDevice();

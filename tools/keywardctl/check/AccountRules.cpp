@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <fstream>
 
 #include "check/Rules.h"
 #include "check/RunningDaemon.h"
@@ -50,9 +49,8 @@ bool isListed(const keywarden::GroupEntry& group, const std::string& user) {
 
 // The daemon looks for its user's name anywhere in a line: "keyuser" is also found in "keyuser2".
 void checkUnmeantGroups(const Subject& subject, Report& report) {
-    std::ifstream file(kGroupFile);
     unsigned number = 0;
-    for (std::string line; std::getline(file, line);) {
+    for (const std::string& line : keywarden::groupFileLines()) {
         ++number;
         const std::string name = line.substr(0, line.find(':'));
         const auto group = keywarden::findGroup(name);

@@ -1,7 +1,7 @@
-#include <sys/stat.h>
 
 #include "check/ElfSymbols.h"
 #include "check/Rules.h"
+#include "support/FileStatus.h"
 
 namespace keywardctl::check {
 
@@ -10,8 +10,8 @@ namespace {
 constexpr const char* kNotStarted = "The service does not start without it.";
 
 bool isRegular(const std::string& path) {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+    const auto status = keywarden::statusOfPath(path);
+    return status && status->isRegular();
 }
 
 void addMissing(const Place& place, const std::string& key, const std::string& path, Report& report) {
@@ -34,6 +34,11 @@ void checkScript(const Subject& subject, const CheckedFile& file, Report& report
                    "The service does not start: make it executable with 'chmod 0755 " + path +
                        "' and its folders searchable.");
     checkOpenToOthers(file.at(key), path, report);
+    if (!file.values.has("callbackTimeoutSecs"))
+        report.add(Code::NoCallbackTimeout, file.at(key),
+                   "'callbackScript' has no time-out: a run that does not end holds up the service, and the "
+                   "changes of network and time for all services that come after it",
+                   "Add a line 'callbackTimeoutSecs 60', or with the seconds that it may take.");
 }
 
 void checkSymbols(const Place& place, const std::string& path, const LibraryLook& look, Report& report) {

@@ -1,3 +1,4 @@
+#include <cerrno>
 #include <filesystem>
 
 #include "check/Rules.h"
@@ -7,6 +8,7 @@
 #include "stores/CertificateId.h"
 #include "support/Clock.h"
 #include "support/Common.h"
+#include "support/FileStatus.h"
 #include "support/Tools.h"
 
 namespace keywardctl::check {
@@ -47,8 +49,7 @@ Pair readSettledPair(const keywarden::InternalCertificatesAccessor& store, const
 }
 
 bool isMissing(const std::string& path) {
-    std::error_code error;
-    return !fs::exists(fs::symlink_status(path, error));
+    return !keywarden::linkStatusOfPath(path) && (errno == ENOENT || errno == ENOTDIR);
 }
 
 void checkDates(const keywarden::X509_T& certificate, const std::string& path, Report& report) {
@@ -145,8 +146,10 @@ void checkStore(const CheckedService& service, const std::string& name, Report& 
 }  // namespace
 
 void checkCertificates(const Subject&, const CheckedService& service, Report& report) {
-    if (service.file.values.isYes("server"))
+    if (service.file.values.isYes("server")) {
         checkServer(service, report);
+        checkUnnamedFiles(service, report);
+    }
     if (service.file.values.isYes("ca"))
         checkStore(service, "ca", report);
     if (service.file.values.isYes("trustedClients"))

@@ -28,6 +28,7 @@ enum class Code {
     NotANumber,
     OutOfRange,
     IgnoredNumber,
+    ValidityCut,
     TextAfterNumber,
     ClientsLimitIgnored,
     WithoutEffect,
@@ -68,6 +69,7 @@ enum class Code {
     CallbackNotExecutable,
     LibraryUnusable,
     LibrarySymbols,
+    NoCallbackTimeout,
     // Request settings.
     NoRequestSettings,
     TwoRequestSettings,
@@ -103,6 +105,7 @@ enum class Code {
     WrongGroup,
     ActiveMalformed,
     ActiveWithoutFiles,
+    NotInForce,
     CertificateUnreadable,
     KeyUnreadable,
     KeyMismatch,

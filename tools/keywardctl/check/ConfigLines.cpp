@@ -1,18 +1,16 @@
 #include "check/ConfigLines.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <sstream>
 #include <utility>
 
-#include "stores/RegularFile.h"
+#include "support/RegularFile.h"
 #include "support/Tools.h"
 
 namespace keywardctl::check {
 
 namespace {
 
-constexpr std::size_t kLargestFile = std::size_t{1024} * 1024;
 constexpr const char* kBlanks = " \t\r\n";
 
 std::map<std::string, std::string> readByDaemon(const std::string& text, Dialect dialect) {
@@ -41,7 +39,7 @@ ConfigLines::ConfigLines(std::string file, const std::string& content, Dialect d
 }
 
 ConfigLines ConfigLines::read(const std::string& file, Dialect dialect) {
-    return {file, keywarden::readRegularFile(file, kLargestFile), dialect};
+    return {file, keywarden::readRegularFile(file, keywarden::kLargestConfigurationFile), dialect};
 }
 
 std::map<std::string, std::string> ConfigLines::values() const {

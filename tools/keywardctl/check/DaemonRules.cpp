@@ -66,6 +66,7 @@ void checkMonitor(const CheckedFile& file, Report& report) {
 
 void checkDaemonValues(const CheckedFile& file, Report& report) {
     checkRequired(file, report);
+    checkSwitches(file.lines, daemonKeys(), report);
     checkRelativePaths(file.lines, daemonKeys(), report);
     checkNumber(file, "minDateForGeneratingCert", report, readLong);
     checkNumber(file, "TimeDriftSleepTime", report, readInt);

@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "stores/RegularFile.h"
+#include "support/RegularFile.h"
 
 namespace keywardctl::check {
 

@@ -2,6 +2,7 @@
 #include <filesystem>
 
 #include "check/Rules.h"
+#include "support/FileStatus.h"
 
 namespace keywardctl::check {
 
@@ -9,13 +10,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string reasonOf(const fs::directory_entry& entry, const std::string& name) {
-    std::error_code ignored;
+std::string reasonOf(const std::string& path, const std::string& name) {
+    const auto status = keywarden::linkStatusOfPath(path);
     if (name == ".conf")
         return "it has no name before '.conf'";
-    if (entry.is_symlink(ignored))
+    if (status && status->isLink())
         return "it is a link";
-    if (!entry.is_regular_file(ignored))
+    if (!status || !status->isRegular())
         return "it is no regular file";
     return "its name is not '<service>.conf' with that point as its first";
 }
@@ -27,9 +28,9 @@ bool isService(const Subject& subject, const std::string& name) {
 }
 
 // A folder without ".conf" in its name was never meant to be a service.
-bool isMeant(const fs::directory_entry& entry, const std::string& name) {
-    std::error_code ignored;
-    return !entry.is_directory(ignored) || name.find(".conf") != std::string::npos;
+bool isMeant(const std::string& path, const std::string& name) {
+    const auto status = keywarden::statusOfPath(path);
+    return !status || !status->isFolder() || name.find(".conf") != std::string::npos;
 }
 
 }  // namespace
@@ -37,15 +38,15 @@ bool isMeant(const fs::directory_entry& entry, const std::string& name) {
 void checkServiceFolder(const Subject& subject, Report& report) {
     const std::string folder = subject.daemon.values.text("serviceConfigDirectory");
     std::error_code error;
-    std::vector<fs::directory_entry> entries;
+    std::vector<fs::path> entries;
     for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error))
-        entries.push_back(*entry);
+        entries.push_back(entry->path());
     std::sort(entries.begin(), entries.end());
-    for (const fs::directory_entry& entry : entries) {
-        const std::string name = entry.path().filename().string();
-        if (!isService(subject, name) && isMeant(entry, name))
-            report.add(Code::IgnoredFile, {entry.path().string()},
-                       "the daemon takes this for no service: " + reasonOf(entry, name),
+    for (const fs::path& entry : entries) {
+        const std::string name = entry.filename().string();
+        if (!isService(subject, name) && isMeant(entry.string(), name))
+            report.add(Code::IgnoredFile, {entry.string()},
+                       "the daemon takes this for no service: " + reasonOf(entry.string(), name),
                        "Rename it, or keep it elsewhere.");
     }
     if (!error && subject.allServices.empty())

@@ -49,30 +49,31 @@ Identity::Identity(const std::string& user) {
 
 // Like the kernel, the first class that fits decides: an owner whom the mode refuses is not asked again as a
 // member of the group.
-bool Identity::mayUse(const struct stat& info, unsigned wanted) const {
+bool Identity::mayUse(const keywarden::FileStatus& status, unsigned wanted) const {
     constexpr unsigned kAnyRun = S_IXUSR | S_IXGRP | S_IXOTH;
     if (uid_ == 0)
-        return (wanted & kRun) == 0 || S_ISDIR(info.st_mode) || (info.st_mode & kAnyRun) != 0;
+        return (wanted & kRun) == 0 || status.isFolder() || (status.mode & kAnyRun) != 0;
     unsigned shift = 0;
-    if (info.st_uid == uid_)
+    if (status.uid == uid_)
         shift = 6;
-    else if (info.st_gid == gid_ || std::find(groups_.begin(), groups_.end(), info.st_gid) != groups_.end())
+    else if (status.gid == gid_ || std::find(groups_.begin(), groups_.end(), status.gid) != groups_.end())
         shift = 3;
-    return ((info.st_mode >> shift) & wanted) == wanted;
+    return ((status.mode >> shift) & wanted) == wanted;
 }
 
 AccessAnswer Identity::walk(const std::string& path, unsigned wanted) const {
-    struct stat info {};
     for (auto slash = path.find('/'); slash != std::string::npos; slash = path.find('/', slash + 1)) {
         const std::string folder = slash == 0 ? "/" : path.substr(0, slash);
-        if (::stat(folder.c_str(), &info) != 0)
+        const auto status = keywarden::statusOfPath(folder);
+        if (!status)
             return answerOf(errno, folder);
-        if (!mayUse(info, kSearch))
+        if (!mayUse(*status, kSearch))
             return {Access::Refused, folder, ""};
     }
-    if (::stat(path.c_str(), &info) != 0)
+    const auto status = keywarden::statusOfPath(path);
+    if (!status)
         return answerOf(errno, path);
-    const bool refused = !mayUse(info, wanted) || ((wanted & kWrite) != 0 && isReadOnly(path));
+    const bool refused = !mayUse(*status, wanted) || ((wanted & kWrite) != 0 && isReadOnly(path));
     return {refused ? Access::Refused : Access::Granted, path, ""};
 }
 

@@ -1,10 +1,11 @@
 #pragma once
 
-#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <string>
 #include <vector>
+
+#include "support/FileStatus.h"
 
 namespace keywardctl::check {
 
@@ -37,7 +38,7 @@ class Identity {
     [[nodiscard]] AccessAnswer access(const std::string& path, unsigned wanted) const;
 
   private:
-    [[nodiscard]] bool mayUse(const struct stat& info, unsigned wanted) const;
+    [[nodiscard]] bool mayUse(const keywarden::FileStatus& status, unsigned wanted) const;
     [[nodiscard]] AccessAnswer walk(const std::string& path, unsigned wanted) const;
 
     bool known_ = false;

@@ -65,6 +65,7 @@ const KeyTable& daemonKeys() {
         {"pidFile", KeyKind::Path},
         {"TimeDriftSleepTime"},
         {"TimeDriftThresholdValue"},
+        {"continueOnServiceFailure", KeyKind::Switch},
     };
     return keys;
 }

@@ -1,4 +1,3 @@
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -6,14 +5,14 @@
 
 #include "check/Rules.h"
 #include "check/RunningDaemon.h"
+#include "support/FileStatus.h"
 
 namespace keywardctl::check {
 
 namespace {
 
 std::string ownerOf(const std::string& pidFile) {
-    struct stat info {};
-    if (::lstat(pidFile.c_str(), &info) != 0 && errno == ENOENT)
+    if (!keywarden::linkStatusOfPath(pidFile) && errno == ENOENT)
         return "there is no pid file";
     return "no daemon has the process id of the pid file";
 }
@@ -23,8 +22,7 @@ std::string ownerOf(const std::string& pidFile) {
 void checkLock(const Subject& subject, Report& report) {
     const std::string lock = subject.daemon.values.text("lockFile");
     const std::string pidFile = subject.daemon.values.text("pidFile");
-    struct stat info {};
-    if (lock.empty() || pidFile.empty() || ::lstat(lock.c_str(), &info) != 0)
+    if (lock.empty() || pidFile.empty() || !keywarden::linkStatusOfPath(lock))
         return;
     if (::access(pidFile.c_str(), R_OK) != 0 && errno == EACCES) {
         report.addNotLookedAt(pidFile, std::strerror(EACCES));

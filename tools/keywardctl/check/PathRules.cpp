@@ -1,6 +1,6 @@
-#include <sys/stat.h>
 
 #include "check/Rules.h"
+#include "support/FileStatus.h"
 
 namespace keywardctl::check {
 
@@ -44,8 +44,8 @@ class PathRules {
             return;
         const std::string script = folder + "/network.sh";
         const AccessAnswer answer = subject_.identity.access(script, kRun);
-        struct stat info {};
-        const bool isFolder = ::stat(script.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+        const auto status = keywarden::statusOfPath(script);
+        const bool isFolder = status && status->isFolder();
         if (answer.access == Access::Unknown)
             report_.addNotLookedAt(answer.where, answer.reason);
         else if (answer.access != Access::Granted || isFolder)
@@ -100,8 +100,8 @@ class PathRules {
 }  // namespace
 
 void checkOpenToOthers(const Place& place, const std::string& path, Report& report) {
-    struct stat info {};
-    if (::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && (info.st_mode & S_IWOTH) != 0)
+    const auto status = keywarden::statusOfPath(path);
+    if (status && status->isRegular() && (status->mode & S_IWOTH) != 0)
         report.add(Code::OpenToOthers, place,
                    "everybody may write " + quoted(path) + ", which the daemon runs",
                    "Close it with 'chmod o-w " + path + "'.");

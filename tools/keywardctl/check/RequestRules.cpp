@@ -1,6 +1,6 @@
-#include <sys/stat.h>
 
 #include "check/Rules.h"
+#include "support/FileStatus.h"
 
 namespace keywardctl::check {
 
@@ -15,8 +15,8 @@ void checkReadable(const Subject& subject, const CheckedFile& file, const std::s
     if (path.empty())
         return;
     const AccessAnswer answer = subject.identity.access(path, wanted);
-    struct stat info {};
-    const bool isFile = ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+    const auto status = keywarden::statusOfPath(path);
+    const bool isFile = status && status->isRegular();
     if (answer.access == Access::Unknown)
         report.addNotLookedAt(answer.where, answer.reason);
     else if (answer.access == Access::Missing)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "check/KeyTables.h"
@@ -14,9 +15,10 @@ namespace keywardctl::check {
 void checkKeys(const ConfigLines& lines, const KeyTable& table, Report& report);
 
 // ValueRules.cpp
-void checkSwitches(const ConfigLines& lines, Report& report);
+void checkSwitches(const ConfigLines& lines, const KeyTable& table, Report& report);
 void checkRelativePaths(const ConfigLines& lines, const KeyTable& table, Report& report);
-void checkServiceValues(const CheckedFile& file, Report& report);
+/// `bytesOfLong`: of the daemon, which is built for the same device as whoever asks.
+void checkServiceValues(const CheckedFile& file, Report& report, std::size_t bytesOfLong = sizeof(long));
 /// What the daemon itself says when it refuses the service's file, unless a rule has said it already.
 void checkServiceRefusal(const CheckedService& service, Report& report);
 
@@ -58,6 +60,8 @@ void checkNetwork(const Subject& subject, Report& report);
 void checkDaemonFolders(const Subject& subject, Report& report);
 void checkStores(const Subject& subject, const CheckedService& service, Report& report);
 void checkCertificates(const Subject& subject, const CheckedService& service, Report& report);
+/// UnnamedRules.cpp: files of certificates that a service has and does not use.
+void checkUnnamedFiles(const CheckedService& service, Report& report);
 void checkClock(Report& report);
 
 }  // namespace keywardctl::check

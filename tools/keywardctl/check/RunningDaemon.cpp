@@ -11,7 +11,7 @@
 #include <string>
 
 #include "check/Subject.h"
-#include "stores/RegularFile.h"
+#include "support/RegularFile.h"
 
 namespace keywardctl::check {
 

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 
 #include "check/Rules.h"
 #include "check/StoredPair.h"
@@ -12,12 +13,14 @@
 #include "config/InternalCertificatesAccessor.h"
 #include "stores/CertificateId.h"
 #include "support/Accounts.h"
+#include "support/FileStatus.h"
 
 namespace keywardctl::check {
 
 namespace {
 
 namespace fs = std::filesystem;
+using keywarden::FileStatus;
 
 constexpr mode_t kFolder = 0711;
 constexpr mode_t kPlain = 0644;
@@ -35,56 +38,58 @@ class RightsRules {
     RightsRules(const Subject& subject, Report& report) : subject_(subject), report_(report) {}
 
     void check(const std::string& path, mode_t mode, const std::string& group) {
-        struct stat info {};
-        if (!look(path, info))
+        const auto status = look(path);
+        if (!status)
             return;
-        checkMode(path, info, mode);
-        checkOwner(path, info);
-        checkGroup(path, info, group);
+        checkMode(path, *status, mode);
+        checkOwner(path, *status);
+        checkGroup(path, *status, group);
     }
 
     void checkKeyFile(const std::string& path, const std::string& group) {
-        struct stat info {};
-        if (!look(path, info))
+        const auto status = look(path);
+        if (!status)
             return;
-        if (S_ISREG(info.st_mode) && (info.st_mode & (S_IROTH | S_IWOTH)) != 0)
+        if (status->isRegular() && (status->mode & (S_IROTH | S_IWOTH)) != 0)
             report_.add(Code::KeyReadable, {path},
-                        "everybody may use this private key: its mode is " + octal(info.st_mode),
+                        "everybody may use this private key: its mode is " + octal(status->mode),
                         "Have a new certificate with a new key made, and close this one with 'chmod 0640 " +
                             path + "'.");
         else
-            checkMode(path, info, kKey);
-        checkOwner(path, info);
-        checkGroup(path, info, group);
+            checkMode(path, *status, kKey);
+        checkOwner(path, *status);
+        checkGroup(path, *status, group);
     }
 
   private:
-    bool look(const std::string& path, struct stat& info) {
-        if (::lstat(path.c_str(), &info) == 0)
-            return true;
-        if (errno != ENOENT && errno != ENOTDIR)
+    std::optional<FileStatus> look(const std::string& path) {
+        auto status = keywarden::linkStatusOfPath(path);
+        // The daemon follows root's links.
+        if (status && status->isLink() && status->uid == 0)
+            status = keywarden::statusOfPath(path);
+        if (!status && errno != ENOENT && errno != ENOTDIR)
             report_.addNotLookedAt(path, std::strerror(errno));
-        return false;
+        return status;
     }
 
-    void checkMode(const std::string& path, const struct stat& info, mode_t mode) {
-        if ((info.st_mode & 07777U) != mode)
+    void checkMode(const std::string& path, const FileStatus& status, mode_t mode) {
+        if (status.permissions() != mode)
             report_.add(Code::WrongMode, {path},
-                        "the mode is " + octal(info.st_mode) + " and should be " + octal(mode),
+                        "the mode is " + octal(status.mode) + " and should be " + octal(mode),
                         "Set it with 'chmod " + octal(mode) + " " + path + "'.");
     }
 
-    void checkOwner(const std::string& path, const struct stat& info) {
-        if (subject_.identity.isKnown() && info.st_uid != subject_.identity.uid())
+    void checkOwner(const std::string& path, const FileStatus& status) {
+        if (subject_.identity.isKnown() && status.uid != subject_.identity.uid())
             report_.add(
                 Code::WrongOwner, {path},
                 "the owner is not the daemon user " + quoted(subject_.user) + ", who has to change it",
                 "Set it with 'chown " + subject_.user + " " + path + "'.");
     }
 
-    void checkGroup(const std::string& path, const struct stat& info, const std::string& group) {
+    void checkGroup(const std::string& path, const FileStatus& status, const std::string& group) {
         const auto gid = keywarden::groupIdOf(group);
-        if (gid && info.st_gid != *gid)
+        if (gid && status.gid != *gid)
             report_.add(Code::WrongGroup, {path}, "the group is not " + quoted(group),
                         "Set it with 'chgrp " + group + " " + path + "'.");
     }

@@ -1,7 +1,6 @@
 #include "check/StoredPair.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,7 +9,8 @@
 
 #include "config/InternalCertificatesAccessor.h"
 #include "stores/CertificateId.h"
-#include "stores/RegularFile.h"
+#include "support/FileStatus.h"
+#include "support/RegularFile.h"
 #include "support/UniqueFd.h"
 
 namespace keywardctl::check {
@@ -43,11 +43,11 @@ StoredKey readStoredKey(const std::string& path) {
     StoredKey stored;
     const keywarden::UniqueFd file(
         ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
-    struct stat info {};
-    if (!file || ::fstat(file.get(), &info) != 0) {
+    const auto status = file ? keywarden::statusOf(file.get()) : std::nullopt;
+    if (!status) {
         stored.refused = errno == EACCES;
         stored.problem = std::strerror(errno);
-    } else if (!S_ISREG(info.st_mode)) {
+    } else if (!status->isRegular()) {
         stored.problem = "it is not a regular file";
     } else {
         try {

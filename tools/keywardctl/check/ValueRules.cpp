@@ -1,4 +1,5 @@
 #include <cctype>
+#include <cstdint>
 #include <cstdlib>
 #include <set>
 #include <stdexcept>
@@ -105,7 +106,27 @@ void checkDays(const CheckedFile& file, const std::string& key, long long least,
         checkRest(file, key, report);
 }
 
-void checkPeriod(const CheckedFile& file, const std::string& kind, Report& report) {
+/// The daemon counts the seconds from now to the end of a certificate in a long. On a 64-bit device all fit.
+std::int64_t mostDaysFromNow(std::size_t bytesOfLong) {
+    constexpr std::size_t kNarrow = 4;
+    return (bytesOfLong <= kNarrow ? INT32_MAX : INT64_MAX) / static_cast<std::int64_t>(kSecondsPerDay);
+}
+
+void checkEnd(const CheckedFile& file, const std::string& key, std::int64_t validity, std::int64_t offset,
+              std::size_t bytesOfLong, Report& report) {
+    const std::string days = std::to_string(validity) + " days";
+    const std::int64_t most = mostDaysFromNow(bytesOfLong);
+    if (keywarden::Clock::now() + validity * static_cast<std::int64_t>(kSecondsPerDay) > kLastSecond)
+        report.add(Code::OutOfRange, file.at(key), quoted(key) + " reaches beyond the year 9999: " + days,
+                   "No certificate can be made with it: write fewer days.");
+    else if (validity - offset > most)
+        report.add(Code::ValidityCut, file.at(key),
+                   quoted(key) + " is more than a 32-bit device can count: " + days +
+                       ", and the certificate ends at another time",
+                   "Write at most " + std::to_string(most + offset) + " days.");
+}
+
+void checkPeriod(const CheckedFile& file, const std::string& kind, std::size_t bytesOfLong, Report& report) {
     const std::string validityKey = kind + "Validity";
     const std::string offsetKey = kind + "ValidityOffset";
     checkDays(file, validityKey, 1, kDefaultValidity, report);
@@ -117,11 +138,7 @@ void checkPeriod(const CheckedFile& file, const std::string& kind, Report& repor
                    quoted(offsetKey) + " is not less than the validity: " + std::to_string(offset) + " of " +
                        std::to_string(validity) + " days",
                    "The service does not start with it: a certificate would end before today.");
-    if (keywarden::Clock::now() + validity * static_cast<std::int64_t>(kSecondsPerDay) > kLastSecond)
-        report.add(
-            Code::OutOfRange, file.at(validityKey),
-            quoted(validityKey) + " reaches beyond the year 9999: " + std::to_string(validity) + " days",
-            "No certificate can be made with it: write fewer days.");
+    checkEnd(file, validityKey, validity, offset, bytesOfLong, report);
 }
 
 void checkUnused(const CheckedFile& file, const std::string& key, const std::string& wanted, Report& report) {
@@ -166,10 +183,10 @@ void checkAuthorityKeys(const CheckedFile& file, Report& report) {
 
 }  // namespace
 
-void checkSwitches(const ConfigLines& lines, Report& report) {
+void checkSwitches(const ConfigLines& lines, const KeyTable& table, Report& report) {
     static const std::set<std::string> kOff = {"no", "off", "false", "0"};
     for (const ConfigLine& line : lines.lines()) {
-        const Key* const key = line.sets ? findKey(serviceKeys(), line.key) : nullptr;
+        const Key* const key = line.sets ? findKey(table, line.key) : nullptr;
         const bool counts =
             key != nullptr && key->kind == KeyKind::Switch && lines.lineOf(line.key) == line.number;
         const bool isClear =
@@ -192,13 +209,13 @@ void checkRelativePaths(const ConfigLines& lines, const KeyTable& table, Report&
     }
 }
 
-void checkServiceValues(const CheckedFile& file, Report& report) {
-    checkSwitches(file.lines, report);
+void checkServiceValues(const CheckedFile& file, Report& report, std::size_t bytesOfLong) {
+    checkSwitches(file.lines, serviceKeys(), report);
     checkRelativePaths(file.lines, serviceKeys(), report);
     checkDailyOffset(file, report);
     checkCallbackTimeout(file, report);
-    checkPeriod(file, "selfSigned", report);
-    checkPeriod(file, "CASigned", report);
+    checkPeriod(file, "selfSigned", bytesOfLong, report);
+    checkPeriod(file, "CASigned", bytesOfLong, report);
     checkServerKeys(file, report);
     checkStoreLimits(file, report);
     checkAuthorityKeys(file, report);
