@@ -2,10 +2,14 @@
 
 import os
 import shutil
+import signal
+import subprocess
+import time
 
 from kwtest import SETTINGS, Case, certificates, main
 from kwtest.case import last_line
 from kwtest.device import CALLBACK, WORK
+from kwtest.process import wait_until
 from kwtest.syslog import EMERG, ERR
 
 LIBRARY = "/opt/hooks/callbacks.so"
@@ -144,19 +148,21 @@ class Choice(Case):
         self.assertIn(("other", "allStarted"), self.device.calls())
 
 
-class Library(Case):
-    """A callback library, from the environment told where to write down what it hears."""
+class LibraryCase(Case):
+    """A callback library, which writes down what it hears."""
 
-    RECORD = f"{WORK}/library"
-
-    def setUp(self):
-        super().setUp()
+    def install(self, library):
         os.makedirs(os.path.dirname(self.device.host(LIBRARY)), exist_ok=True)
-        shutil.copy(SETTINGS.callback_library, self.device.host(LIBRARY))
-        self.device.extra_environment["CALLBACK_RECORD"] = self.RECORD
+        shutil.copy(library, self.device.host(LIBRARY))
 
     def record(self):
-        return self.device.read(self.RECORD).decode().splitlines()
+        return self.device.read(f"{WORK}/library").decode().splitlines()
+
+
+class Library(LibraryCase):
+    def setUp(self):
+        super().setUp()
+        self.install(SETTINGS.callback_library)
 
     def test_it_hears_of_a_whole_life(self):
         self.device.service("web", callbackScript=None, callbackLibrary=LIBRARY, trustedClients="yes")
@@ -191,6 +197,111 @@ class Library(Case):
                                 "service-throwing: the owner is asleep", count=1)
         self.assertEqual(self.device.channel("web").ask("config", "status"), (0, "running"))
         self.assert_stopped_cleanly(self.device.stop())
+
+
+class RelocatedText(LibraryCase):
+    def test_a_library_in_whose_text_the_loader_has_written_works_after_the_start(self):
+        library = f"{SETTINGS.callback_libraries}/relocated_text.so"
+        dynamic = subprocess.run(["readelf", "-d", library], capture_output=True, text=True, check=True).stdout
+        self.assertRegex(dynamic, "TEXTREL")
+        self.install(library)
+        self.device.service("web", callbackScript=None, callbackLibrary=LIBRARY)
+        self.device.start()
+        self.assertEqual(self.device.channel("web").ask("server", "revoke"), (0, ""))
+        self.assertEqual(self.record(), ["renewed", "renewed"])
+        self.assert_stopped_cleanly(self.device.stop())
+
+
+class BadLibrary(LibraryCase):
+    """Libraries that would keep the daemon from its end."""
+
+    def hanging_in(self, operation, **settings):
+        """A service of that name, whose library hangs there, one that it serves well, and one with a script."""
+        self.install(f"{SETTINGS.callback_libraries}/hanging.so")
+        self.device.service(operation, callbackScript=None, callbackLibrary=LIBRARY, **settings)
+        self.device.service("other", callbackScript=None, callbackLibrary=LIBRARY, server=None)
+        self.device.service("script", server=None)
+
+    def assert_given_up(self, operation, event, count=1):
+        """The stop ends in its time, says what it gave up, and tells all others."""
+        begin = time.monotonic()
+        self.device.daemon.signal(signal.SIGTERM)
+        status = self.device.daemon.wait_exit()
+        duration = time.monotonic() - begin
+        self.assert_stopped_cleanly(status)
+        self.assertLess(duration, SETTINGS.stop_limit + SETTINGS.stop_grace * count, self.device.log_text())
+        self.assert_logged(ERR, f"The callback library {LIBRARY} for the service {operation} was given up at the stop of "
+                                f"the daemon: its '{event}' did not return within 2 seconds", count=count)
+        self.assertEqual([line for line in self.record() if line.startswith("other: ")][-2:],
+                         ["other: stopped", "other: destroy"])
+        self.assertIn(("script", "stop"), self.device.calls())
+
+    def wait_record(self, line):
+        self.assertTrue(wait_until(lambda: self.device.exists(f"{WORK}/library") and line in self.record()))
+
+    def test_one_that_hangs_when_it_is_told_of_the_stop(self):
+        self.hanging_in("stopped", server=None)
+        self.device.start()
+        self.assert_given_up("stopped", "stopped")
+        self.assertNotIn("stopped: destroy", self.record())
+
+    def test_one_that_hangs_when_its_object_is_released(self):
+        self.hanging_in("destroy", server=None)
+        self.device.start()
+        self.assert_given_up("destroy", "destroy")
+
+    def test_one_that_hangs_in_a_request_when_the_stop_comes(self):
+        self.hanging_in("renewed")
+        self.device.start()
+        with self.device.channel("renewed").listening():
+            self.device.channel("renewed").send("tester\trenewed\tserver\trevoke")
+            self.wait_record("renewed: renewed")
+            self.assert_given_up("renewed", "newGeneratedCertificate")
+        self.assertNotIn("renewed: stopped", self.record())
+
+    def test_one_that_hangs_in_a_notification_when_the_stop_comes(self):
+        self.hanging_in("renewed", includeFQDN="yes")
+        self.device.start()
+        self.device.network({"fqdn.0": "renamed.test"})
+        self.device.notify("n")
+        self.wait_record("renewed: renewed")
+        self.assert_given_up("renewed", "newGeneratedCertificate")
+
+    def test_one_that_hangs_in_a_reload_when_the_stop_comes(self):
+        self.hanging_in("stopped", server=None)
+        self.device.start()
+        self.device.channel("stopped").send("tester\tstopped\tconfig\treload")
+        self.wait_record("stopped: stopped")
+        # The reload goes on with a new object, which hangs as well.
+        self.assert_given_up("stopped", "stopped", count=2)
+
+    def test_one_that_hangs_while_all_are_told_that_they_have_started(self):
+        self.hanging_in("allStarted", server=None)
+        self.device.start(ready=False).wait_parent()
+        self.wait_record("allStarted: allStarted")
+        self.assert_given_up("allStarted", "allStarted")
+
+    def test_one_that_hangs_while_it_starts(self):
+        for operation in ("create", "started"):
+            with self.subTest(operation=operation):
+                self.device = self.new_device()
+                self.hanging_in(operation, server=None)
+                self.device.start(ready=False).wait_parent()
+                self.wait_record(f"{operation}: {operation}")
+                begin = time.monotonic()
+                self.device.daemon.signal(signal.SIGTERM)
+                self.assert_stopped_cleanly(self.device.daemon.wait_exit())
+                self.assertLess(time.monotonic() - begin, SETTINGS.stop_limit + SETTINGS.stop_grace)
+
+    def test_one_whose_own_thread_goes_on_is_not_unloaded_at_the_stop(self):
+        self.install(f"{SETTINGS.callback_libraries}/threaded.so")
+        for name in ("web", "other"):
+            self.device.service(name, callbackScript=None, callbackLibrary=LIBRARY, server=None)
+        for _ in range(10):
+            self.device.start()
+            self.assert_stopped_cleanly(self.device.stop())
+        # Nor does what it has registered for the end of the process run beside that thread.
+        self.assertEqual(set(self.record()), {"destroy"})
 
 
 if __name__ == "__main__":

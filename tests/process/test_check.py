@@ -1,5 +1,6 @@
 """keywardctl check: a proper device is clean before, while and after the daemon runs, and mistakes are told."""
 
+import functools
 import glob
 import json
 import os
@@ -22,6 +23,8 @@ class CheckCase(Case):
     def setUp(self):
         super().setUp()
         self.device.root._place_program(PROGRAM, os.environ["KEYWARDCTL"])
+        # What every service of a proper device has.
+        self.device.service = functools.partial(self.device.service, callbackTimeoutSecs="60")
 
     def check(self, *arguments, user=None):
         prefix = ["setarch", "-R"] if "thread" in SETTINGS.sanitizer else []
@@ -40,6 +43,14 @@ class CheckCase(Case):
         self.assertEqual(report["version"], 1)
         self.assertEqual(done.returncode, 1 if report["findings"] else 0, done.stdout + done.stderr)
         return [(found["severity"], found["file"], found["line"], found["code"]) for found in report["findings"]]
+
+
+class HangingScripts(CheckCase):
+    def test_a_script_without_a_time_out(self):
+        self.device.service("web", callbackTimeoutSecs=None)
+        self.assertEqual(self.findings(), [("warning", WEB, 3, "no-callback-timeout")])
+        self.device.service("web", callbackTimeoutSecs="5")
+        self.assert_clean()
 
 
 class Clean(CheckCase):
@@ -94,12 +105,12 @@ class Mistakes(CheckCase):
             file.write("  ca yes # for the clients\nname\tWeb\ntrustedClients yes\nmaximumTrustedClients 4\n")
         self.assertEqual(self.findings(), [
             ("error", WEB, 2, "not-member"),
-            ("error", WEB, 7, "not-yes"),
-            ("error", WEB, 8, "unknown-key"),
-            ("error", WEB, 9, "interface-gap"),
-            ("error", WEB, 10, "empty-key"),
-            ("error", WEB, 11, "tab-for-space"),
-            ("error", WEB, 13, "clients-limit-ignored"),
+            ("error", WEB, 8, "not-yes"),
+            ("error", WEB, 9, "unknown-key"),
+            ("error", WEB, 10, "interface-gap"),
+            ("error", WEB, 11, "empty-key"),
+            ("error", WEB, 12, "tab-for-space"),
+            ("error", WEB, 14, "clients-limit-ignored"),
         ])
 
     def test_the_text_and_the_json_of_one_mistake(self):
@@ -108,9 +119,9 @@ class Mistakes(CheckCase):
         advice = "Only 'yes', in small letters and alone, switches on; write that, or 'no'."
         done = self.check()
         self.assertEqual((done.stdout, done.stderr, done.returncode), (
-            f"{WEB}:7: error: {text} [not-yes]\n    {advice}\n1 error, 0 warnings, 0 notes\n", "", 1))
+            f"{WEB}:8: error: {text} [not-yes]\n    {advice}\n1 error, 0 warnings, 0 notes\n", "", 1))
         self.assertEqual(json.loads(self.check("--json").stdout), {"version": 1, "findings": [
-            {"severity": "error", "file": WEB, "line": 7, "code": "not-yes", "text": text, "advice": advice}]})
+            {"severity": "error", "file": WEB, "line": 8, "code": "not-yes", "text": text, "advice": advice}]})
 
     def test_letters_of_all_kinds_come_through_the_json(self):
         self.device.service("web", includeFQDN="j\u00e4 \u20ac\x1b")
@@ -134,7 +145,7 @@ class Mistakes(CheckCase):
         device.service("library", callbackScript=None, callbackLibrary=f"{WORK}/library")
         device.service("settings", cnfFile=f"{WORK}/settings")
         self.assertEqual([(line, code) for _, _, line, code in self.findings()],
-                         [(6, "hook-unusable"), (6, "library-unusable"), (6, "settings-unreadable")])
+                         [(7, "hook-unusable"), (7, "library-unusable"), (6, "settings-unreadable")])
 
     def test_every_service_with_a_refusal_is_refused_by_the_daemon_and_no_other(self):
         device = self.device

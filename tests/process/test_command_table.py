@@ -129,7 +129,6 @@ class TableByLibrary(Table):
     def furnish(self):
         self.device.root.make_folder("/opt/hooks")
         shutil.copy(SETTINGS.callback_library, self.device.host(self.LIBRARY))
-        self.device.extra_environment["CALLBACK_RECORD"] = self.RECORD
         self.device.service("web", ca="yes", trustedClients="yes", includeFQDN="yes", callbackScript=None,
                             callbackLibrary=self.LIBRARY)
 

@@ -29,6 +29,11 @@ class ConfigurationFile(Case):
         self.device.remove(CONFIGURATION)
         self.assert_refused(f"Failed to open configuration file : {CONFIGURATION}")
 
+    def test_a_fifo_in_its_place_is_refused_at_once(self):
+        self.device.remove(CONFIGURATION)
+        os.mkfifo(self.device.host(CONFIGURATION))
+        self.assert_refused(f"Failed to open configuration file : {CONFIGURATION}")
+
     def test_an_empty_file_misses_every_required_key_in_order(self):
         self.device.write(CONFIGURATION, "")
         self.assert_refused("Bad daemon configuration file : " + "".join(

@@ -316,6 +316,20 @@ class WithoutDaemon(Commands):
         self.assertIn("the daemon runs, but nobody answers for the service 'broken'", err)
         self.assertEqual(self.run_as_operator("reload", "broken")[0], NOT_RUNNING)
 
+    def test_a_service_whose_requests_nobody_reads(self):
+        self.start_web()
+        fifo = self.device.host(f"{PIPES}/web/web.in")
+        before = os.stat(fifo)
+        os.rename(fifo, f"{fifo}.lost")
+        os.mkfifo(fifo, 0o600)
+        os.chown(fifo, before.st_uid, before.st_gid)
+        os.chmod(fifo, before.st_mode)
+        status, out, err = self.run_as_operator("status")
+        self.assertEqual(status, FAILED)
+        self.assertIn("web      not running  self-signed", out)
+        self.assertEqual(err, f"keywardctl: the daemon runs, but nobody reads '{PIPES}/web/web.in'; its log tells what "
+                         "became of the service\n")
+
 
 class Usage(Commands):
     def test_wrong_command_lines(self):

@@ -13,7 +13,7 @@ from kwtest import SETTINGS, Case, certificates, main
 from kwtest.device import KEYWARD, NETWORK, PIPES, REQUEST_SETTINGS, SCRIPTS, SERVICE_SETTINGS, SERVICES, WORK, \
     settings_text
 from kwtest.process import limit, status_of, wait_until
-from kwtest.syslog import NOTICE
+from kwtest.syslog import ERR, NOTICE
 
 # Of the ways below, how many each test tries; instrumented code draws some.
 WAYS = 6 if SETTINGS.sanitizer else 15
@@ -150,6 +150,48 @@ class Settings(Garbage):
             self.device.service(name, cnfFile=f"/etc/keywarden/{name}.cnf")
         self.device.start()
         self.assert_own(*services)
+        self.assert_unharmed()
+
+
+class Fifos(Garbage):
+    """A fifo that nobody writes, in the place of each file that a service names."""
+
+    def fifo(self, path):
+        self.device.remove(path)
+        os.mkfifo(self.device.host(path))
+        os.chmod(self.device.host(path), 0o666)
+        self.tried += 1
+        return path
+
+    def setUp(self):
+        super().setUp()
+        self.device.request_settings("/etc/keywarden/bad.cnf")
+        self.device.service("bad", cnfFile="/etc/keywarden/bad.cnf", ca="yes")
+
+    def test_request_settings(self):
+        path = self.fifo("/etc/keywarden/bad.cnf")
+        self.device.start()
+        self.assert_logged(ERR, "std exception caught while creating and applying self signed certificate for service "
+                                f"'bad' Failed to read configuration file-{path}", count=1)
+        self.assert_own("bad")
+        self.assert_unharmed()
+
+    def test_a_callback_library(self):
+        self.device.write(f"{WORK}/owner.so", "")
+        path = self.fifo(f"{WORK}/owner.so")
+        self.device.service("bad", callbackScript=None, callbackLibrary=path)
+        self.device.start()
+        self.assert_logged(ERR, "Error during starting bad: Std exception during loading service object for service-"
+                                f"bad: Cannot load the callback library {path} for the service bad: "
+                                "It is not a regular file", count=1)
+        self.assert_unharmed()
+
+    def test_a_service_file_that_is_reloaded(self):
+        self.device.start()
+        self.fifo(f"{SERVICES}/bad.conf")
+        code, text = self.device.channel("bad").ask("config", "reload")
+        self.assertEqual(code, 1)
+        self.assertIn("No configuration file for the service bad", text)
         self.assert_unharmed()
 
 

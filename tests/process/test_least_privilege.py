@@ -187,13 +187,11 @@ class Children(Case):
         device.service("web", cnfFile="/etc/keywarden/named.cnf", includeFQDN="yes")
         device.service("mqtt", cnfFile=None, cnfHookFile="/opt/hooks/settings")
         device.extra_environment["PATH"] = "/opt/tools:/usr/sbin:/usr/bin:/sbin:/bin"
-        # Whoever starts the daemon may leave it descriptors; it keeps them, and keeps them to itself.
+        # Whoever starts the daemon may leave it descriptors.
         device.script("/opt/tools/starter", f'exec 7< /etc/shadow 9> {WORK}/inherited; exec {PROGRAM} "$@"')
         device.write("/etc/shadow", "root:secret", mode=0o600)
         device._program = lambda: "/opt/tools/starter"
-        daemon = device.start()
-        kept = {os.readlink(f"/proc/{daemon.pid}/fd/{number}").rpartition("/")[2] for number in (7, 9)}
-        self.assertEqual(kept, {"shadow", "inherited"})
+        device.start()
         for name in ("web", "mqtt"):
             self.assertEqual(device.channel(name).ask("server", "createcsr"), (0, ""))
         device.network({"interface.0": "eth0", "fqdn.0": "other.test"})

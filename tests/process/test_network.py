@@ -1,6 +1,7 @@
 """Notifications of network changes: what each does, in which order, and what comes through the fifo unharmed."""
 
 import os
+import shutil
 import threading
 
 from kwtest import Case, certificates, main
@@ -8,7 +9,7 @@ from kwtest.case import last_line
 from kwtest.channel import write_fifo
 from kwtest.device import KEYWARD, LOCK, PID, PIPES, SCRIPTS
 from kwtest.process import wait_until
-from kwtest.syslog import EMERG, INFO, NOTICE
+from kwtest.syslog import EMERG, ERR, INFO, NOTICE
 
 RECEIVED = (NOTICE, "Notification reload network received")
 COMPLETED = (NOTICE, "Notification reload network completed")
@@ -233,11 +234,19 @@ class Fatal(Case):
 
     def test_a_notification_fifo_that_cannot_be_made_again(self):
         path = f"{PIPES}/notification.signal"
-        os.rename(self.device.host(PIPES), self.device.host("/run/moved"))
-        write_fifo(self.device.host("/run/moved/notification.signal"), b"x")
+        writer = os.open(self.device.host(path), os.O_WRONLY)
+        shutil.rmtree(self.device.host(PIPES))
+        os.write(writer, b"x")
+        os.close(writer)
         self.assertEqual(self.device.daemon.wait_exit(), 12)
         reason = f"Failed to open the fifo file:{path} to read the notifications."
         self.assertEqual(self.device.log_lines()[-1], (EMERG, last_line(12, reason)))
+
+    def test_a_folder_of_pipes_that_was_moved_away_is_still_served(self):
+        os.rename(self.device.host(PIPES), self.device.host("/run/moved"))
+        write_fifo(self.device.host("/run/moved/notification.signal"), b"n")
+        self.device.wait_log(*COMPLETED)
+        os.rename(self.device.host("/run/moved"), self.device.host(PIPES))
 
     def test_a_notification_fifo_that_was_replaced_is_made_again(self):
         path = f"{PIPES}/notification.signal"
@@ -248,6 +257,49 @@ class Fatal(Case):
         self.device.notify("n")
         self.device.wait_log(*COMPLETED)
         self.assertEqual(self.device.rights(path), ("p", 0o720, "keyuser", "kwnotify"))
+
+
+class PassedOver(Case):
+    """With 'continueOnServiceFailure yes' a service that fails is logged, and the others are renewed."""
+
+    FAILURE = "Runtime error caught while network reload: Failed to read configuration file-/etc/keywarden/bad.cnf"
+
+    def start(self, switch):
+        device = self.device
+        device.configure(continueOnServiceFailure=switch)
+        device.request_settings("/etc/keywarden/bad.cnf")
+        # The one that is told first.
+        device.service("pkibad", cnfFile="/etc/keywarden/bad.cnf", includeFQDN="yes")
+        device.service("web", includeFQDN="yes")
+        device.network({"fqdn.0": "first.test"})
+        device.start()
+        device.remove("/etc/keywarden/bad.cnf")
+        device.network({"fqdn.0": "second.test"})
+        device.notify("n")
+
+    def names(self, service):
+        return certificates.alternative_names(self.assert_whole_store(service))
+
+    def test_a_service_that_fails(self):
+        device = self.device
+        self.start("yes")
+        device.wait_log(*COMPLETED)
+        self.assertIn((ERR, self.FAILURE), device.log_lines())
+        self.assertEqual(self.names("pkibad"), [("DNS", "first.test")])
+        self.assertEqual(self.names("web"), [("DNS", "second.test")])
+        for service in ("pkibad", "web"):
+            self.assertEqual(device.channel(service).ask("config", "status"), (0, "running"))
+        # The next notification makes good what this one could not.
+        device.request_settings("/etc/keywarden/bad.cnf")
+        device.notify("n")
+        device.wait_log(*COMPLETED, count=2)
+        self.assertEqual(self.names("pkibad"), [("DNS", "second.test")])
+        self.assertEqual(device.stop(), 10)
+
+    def test_any_other_value_is_off(self):
+        self.start("Yes")
+        self.assertEqual(self.device.daemon.wait_exit(), 12)
+        self.assertEqual(self.device.log_lines()[-1], (EMERG, last_line(12, self.FAILURE)))
 
 
 class Fifo(Case):

@@ -6,7 +6,7 @@ import signal
 import subprocess
 
 from kwtest import Case, main
-from kwtest.device import KEYWARD, LOCK, PID, PIPES, PROGRAM, SERVICES, WORK
+from kwtest.device import KEYWARD, LOCK, PID, PIPES, PROGRAM, SERVICES, USERS, WORK
 from kwtest.process import children_of, name_of, status_of, wait_until
 from kwtest.syslog import EMERG, ERR, INFO, NOTICE
 
@@ -235,6 +235,7 @@ class Surroundings(Case):
         self.device.write(f"{PIPES}/old/old.in", "left over")
         self.device.write(f"{WORK}/kept", "not a pipe")
         os.symlink(WORK, self.device.host(f"{PIPES}/link"))
+        os.chown(self.device.host(PIPES), *USERS["keyuser"])
         self.device.start()
         self.assertFalse(self.device.exists(f"{PIPES}/old"))
         self.assertFalse(self.device.exists(f"{PIPES}/link"))
@@ -268,10 +269,10 @@ class Surroundings(Case):
         self.assertEqual(self.device.channel("web").ask("config", "status"), (0, "running"))
         self.assertEqual(self.device.stop(), 10)
 
-    def test_it_stays_in_its_session_and_ignores_what_terminals_send(self):
+    def test_it_has_a_session_of_its_own_and_ignores_what_terminals_send(self):
         self.device.service("web")
         daemon = self.device.start()
-        self.assertEqual(os.getsid(daemon.pid), os.getsid(0))
+        self.assertEqual(os.getsid(daemon.pid), daemon.pid)
         ignored = int(status_of(daemon.pid)["SigIgn"], 16)
         for number in (signal.SIGTSTP, signal.SIGTTOU, signal.SIGTTIN, signal.SIGHUP):
             self.assertTrue(ignored >> (number - 1) & 1, number)

@@ -16,15 +16,17 @@ HANG = "exec sleep 600"
 
 
 class Stop(Case):
-    def stop_in_time(self, number=signal.SIGTERM):
-        """Signals the daemon and checks all of an orderly stop, its duration included."""
+    def stop_in_time(self, number=signal.SIGTERM, hanging=0):
+        """Signals the daemon and checks all of an orderly stop, its duration included; `hanging` is how many of its
+        waits for others are cut off one after the other."""
         daemon = self.device.daemon
         begin = time.monotonic()
         daemon.signal(number)
         status = daemon.wait_exit()
         duration = time.monotonic() - begin
         self.assert_stopped_cleanly(status)
-        self.assertLess(duration, SETTINGS.stop_limit, self.device.log_text())
+        self.assertLess(duration, SETTINGS.stop_limit + SETTINGS.stop_grace * hanging, self.device.log_text())
+        self.assertGreater(duration, SETTINGS.stop_grace * hanging - 0.2)
         self.assert_logged(INFO, f"Received fatal signal : {NAMES[number]}", count=1)
 
     def wait_call(self, *call):
@@ -99,7 +101,7 @@ class Busy(Stop):
         self.device.service("web")
         self.device.start(ready=False).wait_parent()
         self.wait_call("web", "start")
-        self.stop_in_time()
+        self.stop_in_time(hanging=1)
 
     def test_during_a_callback_that_hangs_after_all_have_started(self):
         self.hang_callback_at('[ "$2" = allStarted ]')
@@ -107,7 +109,7 @@ class Busy(Stop):
         self.device.service("mqtt")
         self.device.start(ready=False).wait_parent()
         self.assertTrue(wait_until(lambda: any(call[1] == "allStarted" for call in self.device.calls())))
-        self.stop_in_time()
+        self.stop_in_time(hanging=1)
 
     def test_during_a_callback_that_hangs_at_a_network_change(self):
         self.device.service("web", includeFQDN="yes")
@@ -117,7 +119,7 @@ class Busy(Stop):
         self.device.network({"fqdn.0": "renamed.test"})
         self.device.notify("n")
         self.assertTrue(wait_until(lambda: len(self.device.calls()) > before))
-        self.stop_in_time()
+        self.stop_in_time(hanging=1)
 
     def test_during_a_callback_that_hangs_in_a_request(self):
         self.device.service("web")
@@ -127,14 +129,14 @@ class Busy(Stop):
         with self.device.channel("web").listening():
             self.device.channel("web").send("tester\tweb\tserver\trevoke")
             self.assertTrue(wait_until(lambda: len(self.device.calls()) > before))
-            self.stop_in_time()
+            self.stop_in_time(hanging=1)
 
     def test_with_callbacks_that_hang_at_the_stop(self):
         self.device.service("web")
         self.device.service("mqtt")
         self.device.start()
         self.hang_callback_at('[ "$2" = stop ]')
-        self.stop_in_time()
+        self.stop_in_time(hanging=2)
         self.assertEqual(sorted(call for call in self.device.calls() if call[1] == "stop"),
                          [("mqtt", "stop"), ("web", "stop")])
 
@@ -143,7 +145,38 @@ class Busy(Stop):
         self.device.service("web", server=None)
         self.device.start(ready=False).wait_parent()
         self.wait_call("web", "start")
-        self.stop_in_time()
+        self.stop_in_time(hanging=2)
+
+    def test_twenty_owners_who_take_their_time_are_all_told(self):
+        for number in range(20):
+            self.device.service(f"web{number}", server=None)
+        self.device.start()
+        self.device.recording_script(CALLBACK, record="begun", body=f'sleep 0.25; echo "$1" >> {WORK}/ended')
+        self.assert_stopped_cleanly(self.device.stop(30))
+        self.assertEqual(self.device.read(f"{WORK}/ended").decode().split(), [call[0] for call in self.device.calls("begun")])
+        self.assertEqual(len(self.device.calls("begun")), 20)
+        self.assert_not_logged("failed for the event")
+
+    def test_an_owner_who_hangs_takes_nothing_from_the_next(self):
+        for name in ("web", "mqtt"):
+            self.device.service(name, server=None)
+        self.device.start()
+        self.device.recording_script(CALLBACK, body=f'case $1 in {self.first_of_two()}) {HANG};; esac\n'
+                                                    f'sleep 1.5; echo "$1" >> {WORK}/ended')
+        self.assert_stopped_cleanly(self.device.stop(30))
+        self.assertEqual(len(self.device.read(f"{WORK}/ended").split()), 1)
+
+    def first_of_two(self):
+        return [call[0] for call in self.device.calls() if call[1] == "allStarted"][0]
+
+    def test_no_further_owner_is_told_that_all_have_started(self):
+        self.hang_callback_at('[ "$2" = allStarted ]')
+        for name in ("web", "mqtt", "pkica"):
+            self.device.service(name, server=None)
+        self.device.start(ready=False).wait_parent()
+        self.assertTrue(wait_until(lambda: any(call[1] == "allStarted" for call in self.device.calls())))
+        self.stop_in_time(hanging=1)
+        self.assertEqual(len([call for call in self.device.calls() if call[1] == "allStarted"]), 1)
 
     def test_during_a_network_script_that_hangs(self):
         self.device.service("web")
@@ -151,7 +184,7 @@ class Busy(Stop):
         self.device.script(f"{SCRIPTS}/network.sh", f"touch {WORK}/hanging; {HANG}")
         self.device.notify("n")
         self.assertTrue(wait_until(lambda: self.device.exists(f"{WORK}/hanging")))
-        self.stop_in_time()
+        self.stop_in_time(hanging=1)
 
     def test_during_a_network_script_that_hangs_before_the_fork(self):
         self.device.script(f"{SCRIPTS}/network.sh", f"touch {WORK}/hanging; {HANG}")
@@ -161,7 +194,7 @@ class Busy(Stop):
         begin = time.monotonic()
         os.kill(daemon.parent_pid, signal.SIGTERM)
         status = daemon.wait_parent()
-        self.assertLess(time.monotonic() - begin, SETTINGS.stop_limit)
+        self.assertLess(time.monotonic() - begin, SETTINGS.stop_limit + SETTINGS.stop_grace)
         self.assert_stopped_cleanly(status)
 
     def test_during_a_settings_hook_that_hangs(self):
@@ -169,7 +202,7 @@ class Busy(Stop):
         self.device.service("web", cnfFile=None, cnfHookFile="/opt/hooks/settings")
         self.device.start(ready=False).wait_parent()
         self.assertTrue(wait_until(lambda: self.device.exists(f"{WORK}/hanging")))
-        self.stop_in_time()
+        self.stop_in_time(hanging=1)
 
     def test_during_a_name_script_that_hangs(self):
         self.device.script("/opt/hooks/name", f"touch {WORK}/hanging; {HANG}")
@@ -177,7 +210,7 @@ class Busy(Stop):
         self.device.service("web", cnfFile="/etc/keywarden/named.cnf")
         self.device.start(ready=False).wait_parent()
         self.assertTrue(wait_until(lambda: self.device.exists(f"{WORK}/hanging")))
-        self.stop_in_time()
+        self.stop_in_time(hanging=1)
 
     def test_during_a_reload(self):
         self.device.service("web")
@@ -186,7 +219,7 @@ class Busy(Stop):
         with self.device.channel("web").listening():
             self.device.channel("web").send("tester\tweb\tconfig\treload")
             self.assertTrue(wait_until(lambda: self.device.calls().count(("web", "start")) == 2))
-            self.stop_in_time()
+            self.stop_in_time(hanging=1)
 
     def test_during_the_making_of_a_big_key(self):
         self.device.request_settings("/etc/keywarden/big.cnf", CONFIG_KEY="RSA2048", default_bits="2048")

@@ -133,7 +133,9 @@ class Additions(Stores):
         pem, key = certificates.issue(certificates.Pki(), "client")
         der = certificates.load(pem).public_bytes(certificates.serialization.Encoding.DER)
         for content in (b"", der, pem[:-60], b"none\n"):
-            self.assert_refused(self.add("client", content), 9, "No valid certificate found.")
+            for store in ("ca", "client"):
+                self.assert_refused(self.add(store, content), 9,
+                                    f"Failed to read certificate from file: {WORK}/new.pem")
         self.assert_refused(self.add("client", pem + key), 9, "The certificate file holds a private key.")
         self.assert_holds("ca")
         self.assert_holds("client")
@@ -263,8 +265,7 @@ class Restart(Stores):
         self.assertEqual(self.channel.ask("server", "revoke"), (0, ""))
         self.restart()
         self.assert_logged(ERR, f"The certificate '{active}' of service 'web' cannot be loaded, going on without it: "
-                                f"Error: Impossible to open {PIPES}/web/server/{active}.info for reading! Because the "
-                                "file does not exist.", count=1)
+                                "Its files are missing.", count=1)
         self.assert_logged(NOTICE, "Certificate for service 'web' can not be created as signed type is disabled.",
                            count=1)
         self.assertEqual(self.channel.ask("server", "revoke"), (0, ""))

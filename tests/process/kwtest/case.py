@@ -7,7 +7,7 @@ import unittest
 from . import certificates
 from .device import KEYWARD, LOCK, PID, PIPES, Device
 from .isolation import Isolation
-from .process import become_subreaper
+from .process import become_subreaper, wait_until
 from .settings import SETTINGS
 from .syslog import EMERG, FACILITY_DAEMON, NOTICE
 
@@ -107,6 +107,8 @@ class Case(unittest.TestCase):
         device = self.device
         active = device.active(service)
         self.assertRegex(active, r"\A[0-9a-f]{8}\.0\Z")
+        # The journal stands until the owner has been told.
+        wait_until(lambda: not device.exists(f"{KEYWARD}/{service}/server/.cacheddata/.journal"))
         # The file for overwritten data comes with the first start that finds the certificate.
         found = [name for name in device.listing(f"{KEYWARD}/{service}/server") if not name.endswith(".overwrite")]
         self.assertEqual(found, sorted([".cacheddata", ".cacheddata/active.txt", f".cacheddata/{active}.network",

@@ -108,7 +108,7 @@ def read_answer(reader, timeout=15.0):
 
 
 def split_answer(answer):
-    code, blank, text = answer.decode().partition(" ")
+    code, blank, text = answer.decode(errors="backslashreplace").partition(" ")
     if not blank or not code.isdigit():
         raise NoAnswer(f"malformed answer: {answer!r}")
     return int(code), text

@@ -21,6 +21,8 @@ WORK = "/srv/scratch"
 CALLBACK = "/opt/hooks/callback"
 PROGRAM = "/opt/keyward/keywardd"
 CLOCK = "/etc/keywarden/test-clock-offset"
+# Where libfaketime looks when no variable names a file: the daemon keeps none of its starter's.
+FAKETIME = "/etc/faketimerc"
 REPORTS = "/srv/reports"
 
 USERS = {"root": (0, 0), "keyuser": (4242, 4242), "operator": (4300, 4300), "stranger": (4301, 4301)}
@@ -163,7 +165,8 @@ class Device:
         """The daemon's wall clock, in seconds since the epoch; it goes on from there. The first call must
         come before the start."""
         self.clock_offset = moment - time.time()
-        self.write(CLOCK, f"{self.clock_offset:+.3f}")
+        for path in (CLOCK, FAKETIME):
+            self.write(path, f"{self.clock_offset:+.3f}")
 
     def now(self):
         return time.time() + (self.clock_offset or 0)
@@ -206,7 +209,7 @@ class Device:
                        "TSAN_OPTIONS": f"log_path={REPORTS}/tsan:exitcode=66:die_after_fork=0",
                        **self.extra_environment}
         if self.clock_offset is not None and SETTINGS.faketime:
-            environment.update(LD_PRELOAD=SETTINGS.faketime, FAKETIME_TIMESTAMP_FILE=CLOCK, FAKETIME_NO_CACHE="1",
+            environment.update(LD_PRELOAD=SETTINGS.faketime, FAKETIME_NO_CACHE="1",
                                FAKETIME_DONT_FAKE_MONOTONIC="1", NO_FAKE_STAT="1", FAKETIME_DISABLE_SHM="1")
         return environment
 

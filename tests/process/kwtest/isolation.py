@@ -97,6 +97,12 @@ class Root:
         os.makedirs(self.host(path), exist_ok=True)
         os.chmod(self.host(path), mode)
 
+    def bind_folder(self, path):
+        """The folder of the host, at the same path; without namespaces an empty one of its own."""
+        self.make_folder(path)
+        if self.namespace:
+            self._mount(path, self.host(path), None, MS_BIND)
+
     def close(self):
         for target in reversed(self._mounts):
             _libc.umount2(target.encode(), MNT_DETACH)
@@ -120,19 +126,15 @@ class Root:
                 self._mount("/dev/" + name, path, None, MS_BIND)
 
     def _bind_system(self):
-        self._bind_folder("/usr")
+        self.bind_folder("/usr")
         for name in ("bin", "sbin", "lib", "lib32", "lib64", "libx32"):
             if os.path.islink("/" + name):
                 os.symlink(os.readlink("/" + name), self.host("/" + name))
             elif os.path.isdir("/" + name):
-                self._bind_folder("/" + name)
+                self.bind_folder("/" + name)
         self._mount("/proc", self.host("/proc"), None, MS_BIND | MS_REC)
         if SETTINGS.coverage:
-            self._bind_folder(SETTINGS.coverage)
-
-    def _bind_folder(self, path):
-        self.make_folder(path)
-        self._mount(path, self.host(path), None, MS_BIND)
+            self.bind_folder(SETTINGS.coverage)
 
     def _copy_system(self, programs):
         for program in programs.values():

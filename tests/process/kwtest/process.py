@@ -95,6 +95,8 @@ class DaemonProcess:
             self.parent_status = self._parent.wait(limit(timeout))
         except subprocess.TimeoutExpired:
             raise AssertionError("the daemon's parent did not end") from None
+        # Its number may be given to another process from here on.
+        self._parents.discard(self.parent_pid)
         if self.parent_status == 0 and self.pid is None:
             self.pid = self._find_daemon()
         return self.parent_status
@@ -142,6 +144,7 @@ class DaemonProcess:
                     os.kill(pid, signal.SIGKILL)
                     wait_exit(pid, 10)
         self._parent.poll()
+        self._parents.discard(self.parent_pid)
 
     def orphans(self):
         """What the daemon left to the system: names of running processes that were its own."""
