@@ -37,7 +37,7 @@ def installed_files():
         if name == "config.daemon":
             found.append((source, "/etc/keywarden/config.daemon", 0o644))
         else:
-            found.append((source, f"{DOCUMENTATION}/examples/{name}", 0o755 if name.endswith(".sh") else 0o644))
+            found.append((source, f"{DOCUMENTATION}/examples/etc/keywarden/{name}", 0o755 if name.endswith(".sh") else 0o644))
     return found
 
 

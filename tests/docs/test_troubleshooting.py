@@ -24,7 +24,7 @@ NO_TEXTS = {
     "stores/ExternalCertificatesStorageRebuild.cpp": {"Update file ", " system for ", "Check certificate "},
     "support/ToolsFiles.cpp": {"-----BEGIN CERTIFICATE-----", "-----END CERTIFICATE-----"},
     "support/Journal.cpp": {"keyward journal 1"},
-    "daemon/Exit.cpp": {"touch /var/run/ready/%d", "rm -f /var/run/ready/%d"},
+    "daemon/Exit.cpp": {"touch /var/run/ready/%d", "rm -f /var/run/ready/%d", "Stopping with the code %d%s%s..."},
     "daemon/Privileges.cpp": {" -> Set Groups done.", " -> Set main group done.", " -> Set user done."},
 }
 
