@@ -22,7 +22,8 @@ std::string written(const Record& record) {
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text = fuzz::textOf(data, size);
     const CDistinguishedName name = CDistinguishedName::from(text);
-    (void)CDistinguishedName::from(written(name));
+    const std::string line = written(name);
+    fuzz::require(written(CDistinguishedName::from(line)) == line, "a written name is read back as the same");
     (void)CCertificateData::from(written(CCertificateData::from(text)));
     (void)CCSRData::from(written(CCSRData::from(text)));
     (void)kwdata::v3Ext::from(written(kwdata::v3Ext::from(text)));

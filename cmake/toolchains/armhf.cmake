@@ -29,5 +29,9 @@ foreach(kind EXE SHARED MODULE)
   set(CMAKE_${kind}_LINKER_FLAGS_INIT "-Wl,-rpath-link,${KEYWARD_SYSROOT}/usr/lib/arm-linux-gnueabihf")
 endforeach()
 
-# Absolute names that exist in the sysroot, such as that of the program loader, are taken from there.
-set(CMAKE_CROSSCOMPILING_EMULATOR "qemu-arm;-L;${KEYWARD_SYSROOT}")
+# The target's program loader is what the emulator runs, and is told where the libraries are. The emulator's own way,
+# its option -L, would put the sysroot in place of "/" itself for every program that opens it, and the machine's files
+# would be gone from below.
+set(KEYWARD_LIBRARY_FOLDERS "${KEYWARD_SYSROOT}/lib/arm-linux-gnueabihf:${KEYWARD_SYSROOT}/usr/lib/arm-linux-gnueabihf")
+set(CMAKE_CROSSCOMPILING_EMULATOR "qemu-arm;${KEYWARD_SYSROOT}/lib/arm-linux-gnueabihf/ld-linux-armhf.so.3"
+  "--library-path;${KEYWARD_LIBRARY_FOLDERS}")
