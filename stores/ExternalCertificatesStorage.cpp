@@ -26,7 +26,6 @@ namespace {
 // The places of the store's folders in their set: certificates, their hidden data, what is made again at
 // every start.
 constexpr std::size_t kDurableFolders = 2;
-constexpr std::size_t kTemporaryFolder = 2;
 constexpr const char* kNewEvent = "new";
 constexpr const char* kRevokeEvent = "revoke";
 
