@@ -14,12 +14,6 @@
 
 namespace keywarden {
 
-namespace {
-
-constexpr unsigned kAttempts = 100;
-
-}  // namespace
-
 FileTransaction::FileTransaction(Journal& journal) : journal_(journal), writer_(journal.folders()) {
     // Before anything is staged: what an unfinished change left beside its targets goes with it.
     if (journal_.isUnfinished())
@@ -33,22 +27,8 @@ void FileTransaction::stage(const std::string& path, std::string_view content, F
     attributes.synced = journal_.folderOf(path).has_value();
     Step step{Step::Kind::Move, path, {}, {}};
     steps_.reserve(steps_.size() + 1);
-    step.temporary = stagedName(path, content, attributes);
+    step.temporary = writer_.stage(path, content, attributes).temporaryName;
     steps_.push_back(std::move(step));
-}
-
-// Others may remove a folder that is made again at every start while it is empty; it is then made again.
-std::string FileTransaction::stagedName(const std::string& path, std::string_view content,
-                                        const FileAttributes& attributes) {
-    for (unsigned attempt = 1;; ++attempt) {
-        try {
-            return writer_.stage(path, content, attributes).temporaryName;
-        } catch (const FileWriteError& error) {
-            if (error.errorNumber() != ENOENT || attributes.synced || attempt == kAttempts)
-                throw;
-            writer_.forgetFolders();
-        }
-    }
 }
 
 void FileTransaction::remove(const std::string& path) {

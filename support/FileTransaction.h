@@ -65,8 +65,6 @@ class FileTransaction {
         FolderPtr folder;  ///< the first one's
     };
 
-    [[nodiscard]] std::string stagedName(const std::string& path, std::string_view content,
-                                         const FileAttributes& attributes);
     void refuseWhileUnfinished() const;
     [[nodiscard]] bool needsJournal() const;
     [[nodiscard]] Journal::Steps durableSteps() const;

@@ -60,8 +60,22 @@ FileWriter::~FileWriter() {
         remove(file);
 }
 
+// Others may remove a folder that is made again at every start while it is empty.
 const FileWriter::Staged& FileWriter::stage(const std::string& path, std::string_view content,
                                             const FileAttributes& attributes) {
+    try {
+        return stageOnce(path, content, attributes);
+    } catch (const FileWriteError& error) {
+        if (error.errorNumber() != ENOENT || held_ == nullptr || !held_->isShared(path))
+            throw;
+    }
+    const FilledFolder filled = held_->remake(path);
+    forgetFolderOf(path);
+    return stageOnce(path, content, attributes);
+}
+
+const FileWriter::Staged& FileWriter::stageOnce(const std::string& path, std::string_view content,
+                                                const FileAttributes& attributes) {
     const FolderPtr folder = folderOf(path, attributes).folder;
     std::string name = splitPath(path).second;
     staged_.reserve(staged_.size() + 1);
@@ -99,6 +113,13 @@ FileWriter::Target& FileWriter::folderOf(const std::string& path, const FileAttr
     }
     folders_.push_back({folder, mustBeOurs, attributes.synced, opened(path, mustBeOurs)});
     return folders_.back();
+}
+
+void FileWriter::forgetFolderOf(const std::string& path) {
+    const std::string folder = folderOfPath(path);
+    folders_.erase(std::remove_if(folders_.begin(), folders_.end(),
+                                  [&folder](const Target& known) { return known.path == folder; }),
+                   folders_.end());
 }
 
 FolderPtr FileWriter::opened(const std::string& path, bool mustBeOurs) const {

@@ -65,8 +65,6 @@ class FileWriter {
     /// The file that was staged first and is not in place yet.
     void putNextInPlace();
     void syncFolders() const;
-    /// Looks for the folders anew; what is staged stays in those that it was staged into.
-    void forgetFolders() { folders_.clear(); }
     /// Leaves what is not in place where it is staged: a journal names it.
     void leaveStaged() { staged_.clear(); }
 
@@ -78,7 +76,10 @@ class FileWriter {
         FolderPtr folder;
     };
 
+    const Staged& stageOnce(const std::string& path, std::string_view content,
+                            const FileAttributes& attributes);
     static void remove(const Staged& file);
+    void forgetFolderOf(const std::string& path);
     Target& folderOf(const std::string& path, const FileAttributes& attributes);
     [[nodiscard]] FolderPtr opened(const std::string& path, bool mustBeOurs) const;
 

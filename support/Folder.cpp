@@ -64,6 +64,10 @@ Folder::Folder(UniqueFd descriptor, std::string path)
     : descriptor_(std::move(descriptor)), path_(withoutEndingSlashes(std::move(path))) {}
 
 FolderPtr Folder::open(const std::string& name) const {
+    return std::make_shared<const Folder>(openOurs(name), pathOf(name));
+}
+
+UniqueFd Folder::openOurs(const std::string& name) const {
     UniqueFd opened(::openat(get(), checked(name), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!opened)
         throw FileWriteError("Impossible to open the folder", pathOf(name), errno);
@@ -73,7 +77,7 @@ FolderPtr Folder::open(const std::string& name) const {
     if (!isOurs(*status))
         throw FileWriteError("The folder does not belong to the daemon user, refusing to use", pathOf(name),
                              EPERM);
-    return std::make_shared<const Folder>(std::move(opened), pathOf(name));
+    return opened;
 }
 
 FolderPtr Folder::make(const std::string& name, mode_t mode) const {
@@ -91,12 +95,13 @@ FolderPtr Folder::make(const std::string& name, mode_t mode) const {
 FolderPtr Folder::makeAnyway(const std::string& name, mode_t mode) const {
     for (unsigned attempt = 1;; ++attempt) {
         try {
-            return make(name, mode);
+            FolderPtr folder = open(name);
+            folder->setMode(mode);
+            return folder;
         } catch (const FileWriteError& error) {
             const int reason = error.errorNumber();
-            // Removed again before it was open.
-            if (reason == ENOENT && attempt < kAttempts)
-                continue;
+            if (reason == ENOENT)
+                break;
             const bool isInTheWay =
                 reason == EPERM || reason == ENOTDIR || reason == ELOOP || reason == EACCES;
             if (!isInTheWay || attempt == kAttempts || (!moveAside(name) && errno != ENOENT))
@@ -105,6 +110,41 @@ FolderPtr Folder::makeAnyway(const std::string& name, mode_t mode) const {
                                             "' has been moved aside: " + error.what());
         }
     }
+    const Filled made = makeFilled(name, mode);
+    static_cast<void>(made.folder->remove(made.file));
+    return made.folder;
+}
+
+Folder::Filled Folder::makeFilled(const std::string& name, mode_t mode) const {
+    for (unsigned attempt = 1;; ++attempt) {
+        const std::string fresh = nameBeside(checked(name));
+        if (::mkdirat(get(), fresh.c_str(), 0700) != 0)
+            throw FileWriteError("Impossible to make the folder", pathOf(name), errno);
+        try {
+            const Filled made{std::make_shared<const Folder>(openOurs(fresh), pathOf(name)),
+                              nameBeside("kept")};
+            fill(made, fresh, name, mode);
+            return made;
+        } catch (const FileWriteError& error) {
+            const bool isGone = ::unlinkat(get(), fresh.c_str(), AT_REMOVEDIR) != 0 && errno == ENOENT;
+            // Found under its own name, and removed before there was a file in it.
+            if (error.errorNumber() != ENOENT || !isGone || attempt == kAttempts)
+                throw;
+        }
+    }
+}
+
+void Folder::fill(const Filled& made, const std::string& fresh, const std::string& name, mode_t mode) const {
+    if (!made.folder->create(made.file))
+        throw FileWriteError("Impossible to make the folder", pathOf(name), errno);
+    made.folder->setMode(mode);
+    if (!putInPlace(fresh, name)) {
+        const int reason = errno;
+        static_cast<void>(made.folder->remove(made.file));
+        throw FileWriteError("Impossible to make the folder", pathOf(name), reason);
+    }
+    // What is then written into the new folder must not go with it in a power cut.
+    sync();
 }
 
 void Folder::setMode(mode_t mode, const std::string& named) const {
@@ -192,9 +232,9 @@ bool Folder::remove(const std::string& name) const {
 
 bool Folder::putInPlace(const std::string& fresh, const std::string& name) const {
     for (unsigned attempt = 1; !rename(fresh, name); ++attempt) {
-        const bool isFolder = errno == EISDIR || errno == ENOTEMPTY || errno == EEXIST;
+        const bool isInTheWay = errno == EISDIR || errno == ENOTDIR || errno == ENOTEMPTY || errno == EEXIST;
         // Gone by now is as good as moved.
-        if (attempt == kAttempts || !isFolder || (!moveAside(name) && errno != ENOENT))
+        if (attempt == kAttempts || !isInTheWay || (!moveAside(name) && errno != ENOENT))
             return false;
     }
     return true;

@@ -55,6 +55,14 @@ class Folder {
     [[nodiscard]] FolderPtr make(const std::string& name, mode_t mode) const;
     /// The same in a folder that others may write: what they put there is moved aside, with a WARNING.
     [[nodiscard]] FolderPtr makeAnyway(const std::string& name, mode_t mode) const;
+    /// A new folder that those who may write this one cannot remove (rmdir(2) refuses one that is not empty):
+    /// it is built under a name of its own, with a file in it, and then put in place, whatever stands there.
+    /// The file is the caller's to remove.
+    struct Filled {
+        FolderPtr folder;
+        std::string file;
+    };
+    [[nodiscard]] Filled makeFilled(const std::string& name, mode_t mode) const;
 
     /// Whether the path still leads to this folder.
     [[nodiscard]] bool isStillThere() const;
@@ -87,8 +95,8 @@ class Folder {
     [[nodiscard]] bool link(const std::string& from, const std::string& to) const;
     /// Removes a file of any kind but a folder.
     [[nodiscard]] bool remove(const std::string& name) const;
-    /// Puts a file that was made under a name of its own into a place, whatever others have put or put there
-    /// meanwhile; a folder there is moved aside. In one step: the place is never empty.
+    /// Puts a file or folder that was made under a name of its own into a place, whatever others have put or
+    /// put there meanwhile; what cannot be replaced is moved aside. In one step: the place is never empty.
     [[nodiscard]] bool putInPlace(const std::string& fresh, const std::string& name) const;
     /// A name beside another one that nobody can have taken before.
     [[nodiscard]] static std::string nameBeside(const std::string& name);
@@ -121,6 +129,9 @@ class Folder {
     void sync() const;
 
   private:
+    [[nodiscard]] UniqueFd openOurs(const std::string& name) const;
+    void fill(const Filled& made, const std::string& fresh, const std::string& name, mode_t mode) const;
+
     UniqueFd descriptor_;
     std::string path_;
 };

@@ -55,18 +55,40 @@ void FolderSet::prepare(std::size_t place, mode_t mode, const std::string& group
     prepare(entry);
 }
 
-void FolderSet::prepare(Entry& entry) const {
+void FolderSet::prepare(Entry& entry) {
+    make(entry, [&entry](const Folder& parent, const std::string& name) {
+        return entry.isShared ? parent.makeAnyway(name, entry.mode) : parent.make(name, entry.mode);
+    });
+    entry.folder->setGroup(entry.group, entry.named);
+}
+
+void FolderSet::make(Entry& entry, const Making& making) {
     try {
         const FolderPtr parent = Folder::at(folderOfPath(entry.path), Folder::Owner::Anybody);
-        const std::string name = splitPath(entry.path).second;
-        entry.folder = entry.isShared ? parent->makeAnyway(name, entry.mode) : parent->make(name, entry.mode);
+        entry.folder = making(*parent, splitPath(entry.path).second);
     } catch (const FileWriteError& error) {
         debugTrace("Impossible to create " + entry.named + ": " + error.what());
         throw std::runtime_error("Runtime error caught while changing group for file '" + entry.named +
                                  "': Impossible to change the group for " + entry.named);
     }
     entry.isMissingSaid = false;
+}
+
+bool FolderSet::isShared(const std::string& path) const {
+    const auto place = placeOf(path);
+    return place && entries_[*place].isShared;
+}
+
+FilledFolder FolderSet::remake(const std::string& path) const {
+    Entry& entry = entries_[placeOf(path).value()];
+    Folder::Filled made;
+    make(entry, [&](const Folder& parent, const std::string& name) {
+        made = parent.makeFilled(name, entry.mode);
+        return made.folder;
+    });
+    FilledFolder filled(std::move(made));
     entry.folder->setGroup(entry.group, entry.named);
+    return filled;
 }
 
 void FolderSet::noticeWhetherThere() const {

@@ -1,14 +1,33 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/FileStatus.h"
 #include "support/Folder.h"
 
 namespace keywarden {
+
+/// A file in a folder that others could remove if it were empty; removed with this.
+class FilledFolder {
+  public:
+    explicit FilledFolder(Folder::Filled filled) : filled_(std::move(filled)) {}
+    FilledFolder(FilledFolder&&) = default;
+    FilledFolder& operator=(FilledFolder&&) = delete;
+    FilledFolder(const FilledFolder&) = delete;
+    FilledFolder& operator=(const FilledFolder&) = delete;
+    ~FilledFolder() {
+        if (filled_.folder)
+            static_cast<void>(filled_.folder->remove(filled_.file));
+    }
+
+  private:
+    Folder::Filled filled_;
+};
 
 /// The folders of one store, each held open from its first use on. Files are named by their paths, as
 /// messages need them, and reached through the folder that is held: a path below any other folder is walked
@@ -37,6 +56,11 @@ class FolderSet {
     /// std::runtime_error, with the text of Tools::changeGroup, also when it cannot be made: that is what is
     /// then noticed.
     void prepare(std::size_t place, mode_t mode, const std::string& group, bool shared);
+    /// Whether a path's folder is one that others can remove while it is empty.
+    [[nodiscard]] bool isShared(const std::string& path) const;
+    /// Makes such a folder again, with a file in it: until the result is destroyed, others cannot remove it
+    /// again. Throws as prepare() does.
+    [[nodiscard]] FilledFolder remake(const std::string& path) const;
     /// Says once a folder, at WARNING, that it is not where it was made any more.
     void noticeWhetherThere() const;
 
@@ -68,7 +92,9 @@ class FolderSet {
         mode_t mode = 0;
         std::string group;
     };
-    void prepare(Entry& entry) const;
+    static void prepare(Entry& entry);
+    using Making = std::function<FolderPtr(const Folder& parent, const std::string& name)>;
+    static void make(Entry& entry, const Making& making);
 
     // Opened when they are first needed, by whoever only reads as well.
     mutable std::vector<Entry> entries_;
