@@ -221,17 +221,18 @@ void ServiceTest::configureOther(const std::string& otherId, const std::string& 
 }
 
 void ServiceTest::configureThrowingOwner(const std::string& lines) const {
+    // Set before there are threads that look at it.
+    ::setenv("CALLBACK_THROWS", sandbox().path("throws").c_str(), 1);
     configure("callbackLibrary " PLUGIN_THROWING "\n" + lines);
 }
 
 void ServiceTest::ownerThrows(const std::string& event, const std::string& kind,
                               const std::string& text) const {
-    const std::string path = sandbox().write("throws", event + " " + kind + " " + text);
-    ::setenv("CALLBACK_THROWS", path.c_str(), 1);
+    sandbox().write("throws", event + " " + kind + " " + text);
 }
 
 void ServiceTest::ownerThrowsNothing() {
-    ::unsetenv("CALLBACK_THROWS");
+    std::filesystem::remove(sandbox().path("throws"));
 }
 
 Service& ServiceTest::start() {
