@@ -37,6 +37,14 @@ class ServiceReload : public ServiceTest {
         struct stat info {};
         return ::lstat(path.c_str(), &info) == 0 ? info.st_ino : 0;
     }
+    // By any thread of this process.
+    [[nodiscard]] static bool isHeldOpen(const std::string& path) {
+        std::error_code gone;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+            if (std::filesystem::read_symlink(entry.path(), gone) == path)
+                return true;
+        return false;
+    }
 };
 
 TEST_F(ServiceReload, TellsEveryStepInItsOrder) {
@@ -161,6 +169,8 @@ TEST_F(ServiceReload, RequesterThatNeverReadsDoesNotHoldUpTheNext) {
         ASSERT_TRUE(becomes([&] { return CapturedLog::count(SeverityNotice, reloaded()) == i; },
                             std::chrono::seconds(10)))
             << i;
+        // A request that comes before the answer to this one is answered with it.
+        ASSERT_TRUE(becomes([&] { return isHeldOpen(deaf.output()); })) << i;
     }
     Requester next(id);
     next.openOutput();

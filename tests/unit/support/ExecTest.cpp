@@ -308,7 +308,7 @@ TEST(ExecAtAStop, ProgramThatEndsInTheGraceIsWhole) {
     const std::string report = inChild([] {
         StopRequest::raise();
         const auto start = std::chrono::steady_clock::now();
-        Exec run(shell("sleep 1.2; echo done"), kNoTimeOut);
+        Exec run(shell("sleep 1.05; echo done"), kNoTimeOut);
         return reportOf(run, start, Milliseconds(1900)) + (run.interrupted() ? " interrupted" : "");
     });
     EXPECT_EQ(report, "done\n / no exception");
