@@ -9,8 +9,16 @@
 #include "support/ConfigurationPath.h"
 #include "support/Exec.h"
 #include "support/Log.h"
+#include "x509/MemoryWatch.h"
 
 namespace {
+
+// As the daemon does before anything else: else libcrypto's word for a name with a NUL in it, which is the one for
+// want of memory, would be taken for that.
+[[maybe_unused]] const bool areRequestsCounted = [] {
+    keywarden::MemoryWatch::countRequests();
+    return true;
+}();
 
 std::string& printedByPrograms() {
     static std::string text;
