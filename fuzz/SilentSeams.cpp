@@ -13,8 +13,8 @@
 
 namespace {
 
-// As the daemon does before anything else: else libcrypto's word for a name with a NUL in it, which is the one for
-// want of memory, would be taken for that.
+// As the daemon does before anything else: else libcrypto's word for a name with a NUL in it, which is the
+// one for want of memory, would be taken for that.
 [[maybe_unused]] const bool areRequestsCounted = [] {
     keywarden::MemoryWatch::countRequests();
     return true;
