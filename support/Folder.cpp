@@ -92,7 +92,7 @@ FolderPtr Folder::make(const std::string& name, mode_t mode) const {
     return folder;
 }
 
-FolderPtr Folder::makeAnyway(const std::string& name, mode_t mode) const {
+FolderPtr Folder::makeAnyway(const std::string& name, mode_t mode, const Folder& nursery) const {
     for (unsigned attempt = 1;; ++attempt) {
         try {
             FolderPtr folder = open(name);
@@ -110,41 +110,60 @@ FolderPtr Folder::makeAnyway(const std::string& name, mode_t mode) const {
                                             "' has been moved aside: " + error.what());
         }
     }
-    const Filled made = makeFilled(name, mode);
+    const Filled made = makeFilled(name, mode, nursery);
     static_cast<void>(made.folder->remove(made.file));
     return made.folder;
 }
 
-Folder::Filled Folder::makeFilled(const std::string& name, mode_t mode) const {
+Folder::Filled Folder::makeFilled(const std::string& name, mode_t mode, const Folder& nursery) const {
     for (unsigned attempt = 1;; ++attempt) {
-        const std::string fresh = nameBeside(checked(name));
-        if (::mkdirat(get(), fresh.c_str(), 0700) != 0)
-            throw FileWriteError("Impossible to make the folder", pathOf(name), errno);
         try {
-            const Filled made{std::make_shared<const Folder>(openOurs(fresh), pathOf(name)),
-                              nameBeside("kept")};
-            fill(made, fresh, name, mode);
-            return made;
+            return madeIn(nursery, name, mode);
         } catch (const FileWriteError& error) {
-            const bool isGone = ::unlinkat(get(), fresh.c_str(), AT_REMOVEDIR) != 0 && errno == ENOENT;
-            // Found under its own name, and removed before there was a file in it.
-            if (error.errorNumber() != ENOENT || !isGone || attempt == kAttempts)
+            const int reason = error.errorNumber();
+            if ((reason == EXDEV || reason == EACCES) && &nursery != this)
+                return makeFilled(name, mode, *this);
+            // In a folder that others may write: found under its own name, and taken away.
+            const bool isTaken = reason == ENOENT || reason == EPERM || reason == ENOTDIR || reason == ELOOP;
+            if (!isTaken || attempt == kAttempts)
                 throw;
         }
     }
 }
 
-void Folder::fill(const Filled& made, const std::string& fresh, const std::string& name, mode_t mode) const {
-    if (!made.folder->create(made.file))
-        throw FileWriteError("Impossible to make the folder", pathOf(name), errno);
-    made.folder->setMode(mode);
-    if (!putInPlace(fresh, name)) {
+Folder::Filled Folder::madeIn(const Folder& nursery, const std::string& name, mode_t mode) const {
+    const std::string fresh = nameBeside(checked(name));
+    const Filled made = nursery.filledBelow(fresh, pathOf(name), mode);
+    if (!putInPlace(nursery, fresh, name)) {
         const int reason = errno;
-        static_cast<void>(made.folder->remove(made.file));
+        nursery.removeFilled(made, fresh);
         throw FileWriteError("Impossible to make the folder", pathOf(name), reason);
     }
     // What is then written into the new folder must not go with it in a power cut.
     sync();
+    return made;
+}
+
+Folder::Filled Folder::filledBelow(const std::string& fresh, const std::string& path, mode_t mode) const {
+    if (::mkdirat(get(), fresh.c_str(), 0700) != 0)
+        throw FileWriteError("Impossible to make the folder", path, errno);
+    Filled made{nullptr, nameBeside("kept")};
+    try {
+        made.folder = std::make_shared<const Folder>(openOurs(fresh), path);
+        if (!made.folder->create(made.file))
+            throw FileWriteError("Impossible to make the folder", path, errno);
+        made.folder->setMode(mode);
+        return made;
+    } catch (...) {
+        removeFilled(made, fresh);
+        throw;
+    }
+}
+
+void Folder::removeFilled(const Filled& made, const std::string& fresh) const {
+    if (made.folder)
+        static_cast<void>(made.folder->remove(made.file));
+    static_cast<void>(::unlinkat(get(), fresh.c_str(), AT_REMOVEDIR));
 }
 
 void Folder::setMode(mode_t mode, const std::string& named) const {
@@ -230,8 +249,9 @@ bool Folder::remove(const std::string& name) const {
     return ::unlinkat(get(), checked(name), 0) == 0;
 }
 
-bool Folder::putInPlace(const std::string& fresh, const std::string& name) const {
-    for (unsigned attempt = 1; !rename(fresh, name); ++attempt) {
+bool Folder::putInPlace(const Folder& nursery, const std::string& fresh, const std::string& name) const {
+    for (unsigned attempt = 1; ::renameat(nursery.get(), checked(fresh), get(), checked(name)) != 0;
+         ++attempt) {
         const bool isInTheWay = errno == EISDIR || errno == ENOTDIR || errno == ENOTEMPTY || errno == EEXIST;
         // Gone by now is as good as moved.
         if (attempt == kAttempts || !isInTheWay || (!moveAside(name) && errno != ENOENT))

@@ -54,15 +54,20 @@ class Folder {
     /// Opens or makes. What stands there and is no folder of ours is refused.
     [[nodiscard]] FolderPtr make(const std::string& name, mode_t mode) const;
     /// The same in a folder that others may write: what they put there is moved aside, with a WARNING.
-    [[nodiscard]] FolderPtr makeAnyway(const std::string& name, mode_t mode) const;
+    /// A new one is built in `nursery`, a folder that they may not write, unless that stands on another file
+    /// system.
+    [[nodiscard]] FolderPtr makeAnyway(const std::string& name, mode_t mode, const Folder& nursery) const;
+    [[nodiscard]] FolderPtr makeAnyway(const std::string& name, mode_t mode) const {
+        return makeAnyway(name, mode, *this);
+    }
     /// A new folder that those who may write this one cannot remove (rmdir(2) refuses one that is not empty):
-    /// it is built under a name of its own, with a file in it, and then put in place, whatever stands there.
-    /// The file is the caller's to remove.
+    /// it is built in the nursery, with a file in it, and then put in place, whatever stands there. The file
+    /// is the caller's to remove.
     struct Filled {
         FolderPtr folder;
         std::string file;
     };
-    [[nodiscard]] Filled makeFilled(const std::string& name, mode_t mode) const;
+    [[nodiscard]] Filled makeFilled(const std::string& name, mode_t mode, const Folder& nursery) const;
 
     /// Whether the path still leads to this folder.
     [[nodiscard]] bool isStillThere() const;
@@ -97,7 +102,13 @@ class Folder {
     [[nodiscard]] bool remove(const std::string& name) const;
     /// Puts a file or folder that was made under a name of its own into a place, whatever others have put or
     /// put there meanwhile; what cannot be replaced is moved aside. In one step: the place is never empty.
-    [[nodiscard]] bool putInPlace(const std::string& fresh, const std::string& name) const;
+    [[nodiscard]] bool putInPlace(const std::string& fresh, const std::string& name) const {
+        return putInPlace(*this, fresh, name);
+    }
+    /// The same for one that was made in another folder; false with EXDEV when that is on another file
+    /// system.
+    [[nodiscard]] bool putInPlace(const Folder& nursery, const std::string& fresh,
+                                  const std::string& name) const;
     /// A name beside another one that nobody can have taken before.
     [[nodiscard]] static std::string nameBeside(const std::string& name);
     /// Gives a name to what stands under another one, which it then no longer does. For what others put in a
@@ -130,7 +141,9 @@ class Folder {
 
   private:
     [[nodiscard]] UniqueFd openOurs(const std::string& name) const;
-    void fill(const Filled& made, const std::string& fresh, const std::string& name, mode_t mode) const;
+    [[nodiscard]] Filled madeIn(const Folder& nursery, const std::string& name, mode_t mode) const;
+    [[nodiscard]] Filled filledBelow(const std::string& fresh, const std::string& path, mode_t mode) const;
+    void removeFilled(const Filled& made, const std::string& fresh) const;
 
     UniqueFd descriptor_;
     std::string path_;

@@ -16,6 +16,15 @@
 
 namespace keywarden {
 
+namespace {
+
+// Others may write the folder above a shared one, but not the one above that.
+FolderPtr nurseryOf(const Folder& parent) {
+    return Folder::at(folderOfPath(parent.path()), Folder::Owner::Anybody);
+}
+
+}  // namespace
+
 FolderSet::FolderSet(const std::vector<std::string>& paths) {
     for (const std::string& path : paths)
         entries_.push_back({withoutEndingSlashes(path), path, nullptr, false, false, 0, std::string()});
@@ -57,7 +66,8 @@ void FolderSet::prepare(std::size_t place, mode_t mode, const std::string& group
 
 void FolderSet::prepare(Entry& entry) {
     make(entry, [&entry](const Folder& parent, const std::string& name) {
-        return entry.isShared ? parent.makeAnyway(name, entry.mode) : parent.make(name, entry.mode);
+        return entry.isShared ? parent.makeAnyway(name, entry.mode, *nurseryOf(parent))
+                              : parent.make(name, entry.mode);
     });
     entry.folder->setGroup(entry.group, entry.named);
 }
@@ -83,7 +93,7 @@ FilledFolder FolderSet::remake(const std::string& path) const {
     Entry& entry = entries_[placeOf(path).value()];
     Folder::Filled made;
     make(entry, [&](const Folder& parent, const std::string& name) {
-        made = parent.makeFilled(name, entry.mode);
+        made = parent.makeFilled(name, entry.mode, *nurseryOf(parent));
         return made.folder;
     });
     FilledFolder filled(std::move(made));
