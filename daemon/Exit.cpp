@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -21,9 +22,11 @@
 #include "support/Common.h"
 #include "support/Debug.h"
 #include "support/Failure.h"
+#include "support/Folder.h"
 #include "support/Log.h"
 #include "support/StopRequest.h"
 #include "support/Survive.h"
+#include "support/UniqueFd.h"
 
 namespace keywarden {
 
@@ -88,12 +91,25 @@ void logTakenSignal() {
         Log::write(SeverityInfo, std::string("Received fatal signal : ") + ::strsignal(taken));
 }
 
+// The process has no umask, and a file that everybody may write is a way to fill the file system.
+void narrowMarker() {
+    try {
+        const FolderPtr folder = Folder::at("/var/run/ready", Folder::Owner::Anybody);
+        const UniqueFd marker = folder->openRegular(std::to_string(::getpid()));
+        if (marker)
+            static_cast<void>(::fchmod(marker.get(), 0644));
+    } catch (const std::exception& error) {
+        debugTrace(error.what());  // there is none
+    }
+}
+
 }  // namespace
 
 void ready() {
     if (!runForPid("touch /var/run/ready/%d"))
         Log::write(SeverityError,
                    std::string("ready(): Failed to touch /var/run/ready PID, err: ") + std::strerror(errno));
+    narrowMarker();
 }
 
 void unready() {

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <stdexcept>
 
+#include "stores/CertificateId.h"
 #include "support/Debug.h"
 #include "support/FileWriteError.h"
 #include "support/RegularFile.h"
@@ -14,7 +15,6 @@ namespace keywarden {
 
 namespace {
 
-constexpr std::size_t kLargestCertificateFile = 1048576;
 constexpr std::size_t kLargestRequestFile = 1048576;
 // A key file is far smaller; more than this is no key.
 constexpr std::size_t kLargestKeyFile = 65536;

@@ -17,8 +17,8 @@ namespace {
 // What the daemon makes is three deep. Others may dig deeper in their own folders; that is theirs to remove.
 // One descriptor a level.
 constexpr unsigned kMostDepth = 200;
-// A minute's work at most, also on a slow device.
-constexpr std::size_t kMostEntries = 200000;
+// Seconds of work at most, also on a slow device: a stop waits for it.
+constexpr std::size_t kMostEntries = 50000;
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 struct CloseListing {

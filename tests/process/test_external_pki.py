@@ -234,7 +234,7 @@ class Refused(External):
             with self.subTest(content=content[:40]):
                 self.assert_refused_unchanged(9, unreadable, content)
         self.assert_refused_unchanged(9, READING + f"Impossible to read the file '{WORK}/new.pem': It is larger than "
-                                                   "1048576 bytes", b" " * 1048577)
+                                                   "131072 bytes", b" " * 131073)
         self.assertEqual(self.apply(signed), (0, ""))
 
     def test_certificates_for_another_key(self):

@@ -11,7 +11,8 @@ import resource
 import time
 
 from kwtest import SETTINGS, certificates, main
-from kwtest.attack import BOX, MEMBER, MEMBER_GROUP, ROOTS, SECRET, Attack, acting_as, rounds
+from kwtest.attack import (BOX, MEMBER, MEMBER_GROUP, NETWORK_DONE, ROOTS, SECRET, Attack, acting_as, identity,
+                           rounds)
 from kwtest.channel import NoAnswer
 from kwtest.device import KEYWARD, PIPES, WORK
 from kwtest.process import limit, wait_until
@@ -406,6 +407,75 @@ class Moved(Attack):
         self.assertEqual(self.device.rights(f"{PIPES}/web/server"), ("d", 0o711, "keyuser", MEMBER_GROUP))
         self.assert_whole_store("web")
         self.assert_unharmed()
+
+
+class Space(Attack):
+    """The room of a file system that others share, taken by a file that the member may write."""
+
+    def setUp(self):
+        super().setUp()
+        if not self.device.root.namespace:
+            self.skipTest("a file system of its own cannot be mounted in the chroot")
+        address = {"networkInterface.0": "eth0", "includeIPv4.0": "yes"}
+        self.device.service("web", managmentGroup="kwweb", **address)
+        self.device.service("shop", **address)
+        self.device.configure(continueOnServiceFailure="yes")
+        self.address = 1
+        self.told = 0
+
+    def small(self, path, size):
+        uid, groups = identity("keyuser")
+        self.device.root.make_folder(path)
+        self.device.root._mount("tmpfs", self.device.host(path), "tmpfs", 0,
+                                f"mode=0755,size={size},uid={uid},gid={groups[0]}")
+
+    def move(self):
+        """Another address, which every service has to have in its certificate."""
+        self.address += 1
+        self.device.network({"fqdn.0": "", "interface.0": "eth0", "ipv4.0.0": f"10.0.0.{self.address}"})
+        self.told += 1
+        self.device.notify("n")
+        self.device.wait_log(*NETWORK_DONE, count=self.told)
+
+    def has_address(self, service):
+        names = str(certificates.alternative_names(self.certificate(service)))
+        return f"10.0.0.{self.address}'" in names
+
+    def take(self, path):
+        with acting_as(MEMBER), open(self.device.host(path), "ab", buffering=0) as file:
+            with contextlib.suppress(OSError):
+                while True:
+                    file.write(b"\0" * 65536)
+
+    def take_and_give_back(self, path, release):
+        self.move()
+        self.assertTrue(self.has_address("web") and self.has_address("shop"))
+        self.take(path)
+        self.move()
+        for service in ("web", "shop"):
+            self.assert_whole_store(service)
+            self.assertEqual(self.device.channel(service).ask("config", "status"), (0, "running"))
+        release()
+        self.move()
+        self.assertTrue(self.has_address("web") and self.has_address("shop"), self.device.log_text())
+        for service in ("web", "shop"):
+            self.assert_whole_store(service)
+        self.assert_stops()
+
+    def test_of_the_pipes_costs_no_pair_and_comes_back_with_the_room(self):
+        self.small(PIPES, "1m")
+        self.device.start()
+        self.take_and_give_back(f"{PIPES}/web/junk", lambda: os.remove(f"{self.pipes}/junk"))
+
+    def test_of_the_store_costs_no_pair_and_comes_back_with_the_room(self):
+        self.small(KEYWARD, "1m")
+        self.device.start()
+        # The file that the owner may write is added by a start that finds the certificate.
+        self.assertEqual(self.device.stop(), 10)
+        self.device.start()
+        path = f"{KEYWARD}/web/server/.cacheddata/{self.device.active('web')}.overwrite"
+        self.assertEqual(self.device.rights(path), ("-", 0o664, "keyuser", MEMBER_GROUP))
+        self.take_and_give_back(path, lambda: os.truncate(self.device.host(path), 0))
 
 
 if __name__ == "__main__":

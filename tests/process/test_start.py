@@ -108,6 +108,7 @@ class Sequence(Case):
         self.assertEqual(daemon.parent_status, 0)
         self.assertEqual(self.device.read(PID), str(daemon.pid).encode())
         self.assertEqual(self.device.listing("/run/ready"), [str(daemon.pid)])
+        self.assertEqual(self.device.rights(f"/run/ready/{daemon.pid}")[:2], ("-", 0o644))
 
 
 class Order(Case):

@@ -292,10 +292,9 @@ TEST_F(CheckKeys, WhatHangsOnALostMainSwitchIsTold) {
 
 TEST_F(CheckKeys, ARelativePathIsTold) {
     device.setLine("services/web.conf", 3, "callbackScript bin/true");
-    EXPECT_THAT(
-        device.check(),
-        testing::Contains("~/services/web.conf:3: warning: 'callbackScript' is relative to whatever folder "
-                          "the daemon is started in: 'bin/true' [relative-path]"));
+    EXPECT_THAT(device.check(),
+                testing::Contains("~/services/web.conf:3: warning: 'callbackScript' is relative to '/', the "
+                                  "daemon's folder: 'bin/true' [relative-path]"));
 }
 
 TEST_F(CheckKeys, TheDaemonsNumbersAreRead) {

@@ -152,14 +152,14 @@ TEST_F(StoreAddition, SourceThatIsNoFileIsRefusedWithoutBlocking) {
               "1 Impossible to read the file '" + sandbox_.path() + "': It is not a regular file");
 }
 
-TEST_F(StoreAddition, SourceLargerThanAMebibyteIsRefused) {
+TEST_F(StoreAddition, SourceLargerThanTheLimitIsRefused) {
     CertificateAuthority store = authorities();
     const std::string certificate = pem("device");
-    EXPECT_EQ(failureToAdd(store, source(certificate + std::string((1U << 20) - certificate.size(), '#'))),
+    EXPECT_EQ(failureToAdd(store, source(certificate + std::string((128U << 10) - certificate.size(), '#'))),
               "no exception");
-    const std::string path = source(certificate + std::string((1U << 20) - certificate.size() + 1, '#'));
+    const std::string path = source(certificate + std::string((128U << 10) - certificate.size() + 1, '#'));
     EXPECT_EQ(failureToAdd(store, path),
-              "1 Impossible to read the file '" + path + "': It is larger than 1048576 bytes");
+              "1 Impossible to read the file '" + path + "': It is larger than 131072 bytes");
 }
 
 TEST_F(StoreAddition, SourceThatTheDaemonMayNotReadIsRefused) {

@@ -1,12 +1,15 @@
 #include "check/CheckCommand.h"
 
+#include <unistd.h>
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <iostream>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "Problem.h"
 #include "check/Checker.h"
 
 namespace keywardctl {
@@ -19,6 +22,9 @@ struct Options {
 };
 
 ExitCode runCheck(const Options& options) {
+    // The daemon's folder: a path that is relative means the same to both.
+    if (::chdir("/") != 0)
+        throw Problem(ExitCode::Failed, fileProblem("cannot enter the folder", "/", errno));
     const check::Report report = check::checkDevice(options.services);
     std::cout << (options.json ? reportJson(report) : reportText(report)) << std::flush;
     return report.isEmpty() && std::cout ? ExitCode::Done : ExitCode::Failed;

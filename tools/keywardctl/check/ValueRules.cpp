@@ -203,8 +203,7 @@ void checkRelativePaths(const ConfigLines& lines, const KeyTable& table, Report&
         const Key* const key = line.sets ? findKey(table, line.key) : nullptr;
         if (key != nullptr && key->kind == KeyKind::Path && !line.value.empty() && line.value.front() != '/')
             report.add(Code::RelativePath, {lines.file(), line.number},
-                       quoted(line.key) +
-                           " is relative to whatever folder the daemon is started in: " + quoted(line.value),
+                       quoted(line.key) + " is relative to '/', the daemon's folder: " + quoted(line.value),
                        "Write the whole path, from '/' on.");
     }
 }
