@@ -1,6 +1,7 @@
 // Installing a certificate: its files, the active pointer, the owner told, the earlier files removed.
 
 #include <memory>
+#include <new>
 #include <stdexcept>
 
 #include "callbacks/Delivery.h"
@@ -58,6 +59,8 @@ void Server::announce(const std::string& id, const std::string& previous) {
 void Server::tell(const std::string& id, const std::string& previous) {
     try {
         callbacks->newGeneratedCertificate(id);
+    } catch (const std::bad_alloc&) {
+        throw;  // perhaps before anybody was told
     } catch (...) {
         // A library that throws was told all the same.
         journal.told();

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <new>
 #include <optional>
 #include <stdexcept>
 
@@ -356,6 +357,8 @@ bool Service::tellAgain(ExternalCertificatesStorage& store, const std::string& e
             callbacks_->newExternalCertificate(store.storeName(), ids.front());
         else
             callbacks_->revokedExternalCertificate(store.storeName(), ids);
+    } catch (const std::bad_alloc&) {
+        throw;  // perhaps before anybody was told
     } catch (...) {
         // A library that throws was told all the same.
         store.told();
@@ -370,6 +373,8 @@ void Service::tell(ExternalCertificatesStorage& store, bool isOnly,
                    const std::function<void()>& event) const {
     try {
         event();
+    } catch (const std::bad_alloc&) {
+        throw;  // perhaps before anybody was told
     } catch (...) {
         store.told();
         throw;

@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -30,6 +31,8 @@ void happens(const std::string& event) {
         throw keywarden::KeywardenDaemonException(42, text);
     if (kind == "runtime")
         throw std::runtime_error(text);
+    if (kind == "memory")
+        throw std::bad_alloc();
     if (kind == "standard")
         throw std::logic_error(text);
     throw 42;

@@ -201,6 +201,27 @@ TEST_F(ServerRecovery, OwnerThatWasCutOffIsToldAgainAndTheEarlierFilesGoThen) {
     EXPECT_NE("new " + second.id, callbacks->events.empty() ? "" : callbacks->events.at(0)) << "told once";
 }
 
+TEST_F(ServerRecovery, OwnerThatThereWasNoMemoryToTellIsToldAgainAndOneThatThrewIsNot) {
+    start();
+    const MadePair first = install("one.example");
+    callbacks->onNew = [](const std::string&) { throw std::bad_alloc(); };
+    const MadePair second = makePair("two.example");
+    EXPECT_THROW(server().installCertificate(second.certificate, second.key, noNetwork()), std::bad_alloc);
+    callbacks->onNew = nullptr;
+    callbacks->events.clear();
+    restart();
+    EXPECT_EQ("new " + second.id, callbacks->events.at(0));
+    EXPECT_EQ("", filesOf(store(), first.id));
+    callbacks->onNew = [](const std::string&) { throw std::runtime_error("owner"); };
+    const MadePair third = makePair("three.example");
+    EXPECT_EQ("owner", failureOf<std::runtime_error>(
+                           [&] { server().installCertificate(third.certificate, third.key, noNetwork()); }));
+    callbacks->onNew = nullptr;
+    callbacks->events.clear();
+    restart();
+    EXPECT_NE("new " + third.id, callbacks->events.empty() ? "" : callbacks->events.at(0));
+}
+
 TEST_F(ServerRecovery, NothingIsRemovedWhenItIsNotKnownWhichCertificateIsInForce) {
     start();
     const MadePair pair = install("one.example");
