@@ -1,7 +1,7 @@
 #include "config/ExternalCertificatesAccessor.h"
 
+#include "config/DaemonConfiguration.h"
 #include "config/ServiceConfiguration.h"
-#include "daemon/DaemonConfiguration.h"
 
 namespace keywarden {
 

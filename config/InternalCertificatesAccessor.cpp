@@ -3,8 +3,8 @@
 #include <cstddef>
 #include <stdexcept>
 
+#include "config/DaemonConfiguration.h"
 #include "config/ServiceConfiguration.h"
-#include "daemon/DaemonConfiguration.h"
 #include "support/Debug.h"
 #include "support/RegularFile.h"
 

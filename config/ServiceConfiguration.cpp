@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "config/ConfigValues.h"
-#include "daemon/DaemonConfiguration.h"
+#include "config/DaemonConfiguration.h"
 #include "support/Debug.h"
 #include "support/Failure.h"
 #include "support/Log.h"

@@ -5,8 +5,8 @@
 #include <memory>
 #include <stdexcept>
 
+#include "config/DaemonConfiguration.h"
 #include "config/ServiceConfiguration.h"
-#include "daemon/DaemonConfiguration.h"
 #include "support/Failure.h"
 #include "support/FileStatus.h"
 

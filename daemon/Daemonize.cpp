@@ -13,7 +13,7 @@
 #include <string>
 #include <utility>
 
-#include "daemon/DaemonConfiguration.h"
+#include "config/DaemonConfiguration.h"
 #include "daemon/Exit.h"
 #include "daemon/PidFile.h"
 #include "daemon/StartUp.h"

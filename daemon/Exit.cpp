@@ -15,7 +15,7 @@
 #include <cstring>
 
 #include "callbacks/LibraryWrapperServiceCallbacks.h"
-#include "daemon/DaemonConfiguration.h"
+#include "config/DaemonConfiguration.h"
 #include "daemon/DaemonState.h"
 #include "daemon/NotificationThread.h"
 #include "service/Service.h"

@@ -1,7 +1,7 @@
 // A network or time change, told to every service.
 #include <functional>
 
-#include "daemon/DaemonConfiguration.h"
+#include "config/DaemonConfiguration.h"
 #include "daemon/DaemonState.h"
 #include "daemon/Exit.h"
 #include "daemon/NotificationThread.h"

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <string>
 
-#include "daemon/DaemonConfiguration.h"
+#include "config/DaemonConfiguration.h"
 #include "daemon/StartUp.h"
 #include "support/Accounts.h"
 #include "support/Log.h"

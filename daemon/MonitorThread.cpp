@@ -6,7 +6,7 @@
 #include <mutex>
 #include <string>
 
-#include "daemon/DaemonConfiguration.h"
+#include "config/DaemonConfiguration.h"
 #include "daemon/DaemonState.h"
 #include "daemon/NotificationThread.h"
 #include "network/NetworkConfiguration.h"

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <mutex>
 
-#include "daemon/DaemonConfiguration.h"
+#include "config/DaemonConfiguration.h"
 #include "daemon/DaemonState.h"
 #include "daemon/Exit.h"
 #include "network/NetworkConfiguration.h"

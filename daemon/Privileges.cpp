@@ -13,7 +13,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "daemon/DaemonConfiguration.h"
+#include "config/DaemonConfiguration.h"
 #include "daemon/PidFile.h"
 #include "daemon/StartUp.h"
 #include "support/Accounts.h"

@@ -12,8 +12,8 @@
 #include <cstring>
 #include <memory>
 
+#include "config/DaemonConfiguration.h"
 #include "config/ServiceConfiguration.h"
-#include "daemon/DaemonConfiguration.h"
 #include "daemon/DaemonState.h"
 #include "daemon/Exit.h"
 #include "daemon/MonitorThread.h"

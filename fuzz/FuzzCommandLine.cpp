@@ -1,8 +1,8 @@
 // A requester's line: whatever it holds, it is refused with a text or says the same when it is written again.
 #include <stdexcept>
 
+#include "channel/Commands.h"
 #include "fuzz/Fuzz.h"
-#include "service/Commands.h"
 
 using keywarden::Commands;
 

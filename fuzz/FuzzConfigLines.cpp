@@ -3,7 +3,7 @@
 #include <stdexcept>
 
 #include "config/ConfigValues.h"
-#include "daemon/DaemonConfiguration.h"
+#include "config/DaemonConfiguration.h"
 #include "fuzz/Fuzz.h"
 #include "support/Tools.h"
 

@@ -1,6 +1,6 @@
 #include "network/NetworkConfiguration.h"
 
-#include "daemon/DaemonConfiguration.h"
+#include "config/DaemonConfiguration.h"
 #include "support/Debug.h"
 #include "support/Exec.h"
 #include "support/Failure.h"

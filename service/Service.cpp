@@ -10,7 +10,7 @@
 #include "callbacks/BinaryServiceCallbacks.h"
 #include "callbacks/Delivery.h"
 #include "callbacks/LibraryWrapperServiceCallbacks.h"
-#include "daemon/DaemonConfiguration.h"
+#include "config/DaemonConfiguration.h"
 #include "server/Server.h"
 #include "stores/CertificateAuthority.h"
 #include "stores/TrustedCertificate.h"

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "channel/Answer.h"
 #include "config/ServiceConfiguration.h"
-#include "service/Answer.h"
 #include "service/TimerControl.h"
 #include "support/Folder.h"
 #include "support/KeywardenDaemonException.h"

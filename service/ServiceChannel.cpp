@@ -9,8 +9,8 @@
 #include <array>
 #include <cerrno>
 
-#include "daemon/DaemonConfiguration.h"
-#include "service/Commands.h"
+#include "channel/Commands.h"
+#include "config/DaemonConfiguration.h"
 #include "service/Service.h"
 #include "support/Accounts.h"
 #include "support/Cancellation.h"

@@ -2,9 +2,9 @@
 #include <algorithm>
 
 #include "callbacks/ServiceCallbacks.h"
+#include "channel/Commands.h"
 #include "network/NetworkConfiguration.h"
 #include "server/Server.h"
-#include "service/Commands.h"
 #include "service/Service.h"
 #include "stores/CertificateAuthority.h"
 #include "stores/TrustedCertificate.h"

@@ -9,7 +9,7 @@ top=$(CDPATH='' cd -- "$(dirname -- "$0")/.." && pwd)
 cd "$top"
 [ $# -gt 0 ] || "$top/tools/setup.sh" build test analysis
 cmake --preset dev >/dev/null
-rooms='daemon service config server stores x509 cnf network callbacks support tools/keywardctl'
+rooms="$(cat cmake/rooms.txt) ctl"
 # shellcheck disable=SC2086  # one word a folder
 files=${*:-$(find $rooms fuzz -name '*.cpp' | sort)}
 # shellcheck disable=SC2086  # one word a file
@@ -19,5 +19,5 @@ if [ $# -eq 0 ]; then
     # Exceptions stand in the code, each with its reason.
     # shellcheck disable=SC2086
     cppcheck --std=c++17 --enable=warning,performance,portability --inline-suppr --quiet --error-exitcode=1 \
-        -I . -I tools/keywardctl -j "$(nproc)" $rooms
+        -I . -j "$(nproc)" $rooms
 fi

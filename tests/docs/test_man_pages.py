@@ -64,7 +64,7 @@ class Form(unittest.TestCase):
 
 class Keys(unittest.TestCase):
     def test_the_daemon_file_has_these_and_no_others(self):
-        parsed = keys_read_by("daemon/DaemonConfiguration.cpp", r"\( values ,$|values \. find \($")
+        parsed = keys_read_by("config/DaemonConfiguration.cpp", r"\( values ,$|values \. find \($")
         self.assertGreaterEqual(len(parsed), 11)
         self.assertEqual(documented_keys(read("keywardd.conf.5")), parsed)
 

@@ -12,8 +12,9 @@ import re
 import sys
 import unittest
 
+from kwdocs.rooms import ROOMS
+
 TOP = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
-ROOMS = ("support", "config", "network", "cnf", "x509", "stores", "callbacks", "server", "service", "daemon")
 
 # Functions of the C library that take a path, or say what one stands for.
 FUNCTIONS = ("open", "creat", "rename", "chmod", "chown", "lchown", "unlink", "remove", "mkdir", "rmdir", "mkfifo",

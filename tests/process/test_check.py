@@ -205,7 +205,7 @@ class Documentation(Case):
         documented = re.findall(r"^\| `([a-z-]+)` \| (error|warning|note) \| \S", self.read("docs/check.md"),
                                 re.MULTILINE)
         known = re.findall(r'\{Code::\w+, "([a-z-]+)", Severity::(\w+)\}',
-                           self.read("tools/keywardctl/check/Codes.cpp"))
+                           self.read("ctl/check/Codes.cpp"))
         self.assertGreater(len(known), 50)
         self.assertEqual(documented, [(code, severity.lower()) for code, severity in known])
 

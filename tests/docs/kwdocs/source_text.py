@@ -5,7 +5,8 @@ import os
 import re
 from dataclasses import dataclass
 
-ROOMS = ("support", "config", "network", "cnf", "x509", "stores", "callbacks", "server", "service", "daemon")
+from .rooms import ROOMS
+
 
 TOKEN = re.compile(
     r"//[^\n]*|/\*.*?\*/"  # comments

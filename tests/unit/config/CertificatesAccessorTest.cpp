@@ -5,10 +5,10 @@
 #include <functional>
 #include <iostream>
 
+#include "config/DaemonConfiguration.h"
 #include "config/ExternalCertificatesAccessor.h"
 #include "config/InternalCertificatesAccessor.h"
 #include "config/ServiceConfiguration.h"
-#include "daemon/DaemonConfiguration.h"
 #include "testsupport/Sandbox.h"
 #include "testsupport/TestDevice.h"
 

@@ -1,4 +1,4 @@
-#include "AnswerFifo.h"
+#include "ctl/AnswerFifo.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <thread>
 
-#include "Problem.h"
+#include "ctl/Problem.h"
 #include "testsupport/Sandbox.h"
 
 using keywardctl::AnswerFifo;

@@ -3,7 +3,7 @@
 #include <sys/stat.h>
 
 #include "CheckedDevice.h"
-#include "check/Checker.h"
+#include "ctl/check/Checker.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "CheckedDevice.h"
-#include "check/Checker.h"
-#include "check/Identity.h"
+#include "ctl/check/Checker.h"
+#include "ctl/check/Identity.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;

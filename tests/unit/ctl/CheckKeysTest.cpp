@@ -5,9 +5,9 @@
 #include <sstream>
 
 #include "CheckedDevice.h"
-#include "check/ConfigLines.h"
-#include "check/KeyTables.h"
-#include "check/Rules.h"
+#include "ctl/check/ConfigLines.h"
+#include "ctl/check/KeyTables.h"
+#include "ctl/check/Rules.h"
 #include "support/Tools.h"
 
 using keywardctl::check::ConfigLines;

@@ -7,7 +7,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "check/Checker.h"
+#include "ctl/check/Checker.h"
 #include "testsupport/Child.h"
 #include "testsupport/TestClock.h"
 #include "testsupport/TestDevice.h"

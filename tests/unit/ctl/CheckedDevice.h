@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "check/Report.h"
+#include "ctl/check/Report.h"
 #include "testsupport/CertificateFactory.h"
 #include "testsupport/Sandbox.h"
 

@@ -5,13 +5,13 @@
 
 #include <array>
 
-#include "AnswerFifo.h"
 #include "CheckedDevice.h"
-#include "Output.h"
-#include "Problem.h"
-#include "Stores.h"
-#include "check/Checker.h"
-#include "check/Identity.h"
+#include "ctl/AnswerFifo.h"
+#include "ctl/Output.h"
+#include "ctl/Problem.h"
+#include "ctl/Stores.h"
+#include "ctl/check/Checker.h"
+#include "ctl/check/Identity.h"
 #include "tests/unit/support/LateDate.h"
 #include "testsupport/TestDevice.h"
 

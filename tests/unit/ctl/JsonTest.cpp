@@ -1,4 +1,4 @@
-#include "Json.h"
+#include "ctl/Json.h"
 
 #include <gtest/gtest.h>
 

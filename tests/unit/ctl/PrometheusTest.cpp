@@ -1,4 +1,4 @@
-#include "Prometheus.h"
+#include "ctl/Prometheus.h"
 
 #include <gtest/gtest.h>
 

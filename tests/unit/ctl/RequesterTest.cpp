@@ -1,10 +1,10 @@
-#include "Requester.h"
+#include "ctl/Requester.h"
 
 #include <gtest/gtest.h>
 
 #include <functional>
 
-#include "Problem.h"
+#include "ctl/Problem.h"
 
 using namespace keywardctl;
 

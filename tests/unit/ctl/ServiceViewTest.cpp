@@ -1,12 +1,12 @@
-#include "ServiceView.h"
+#include "ctl/ServiceView.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 
-#include "NamesCheck.h"
-#include "Problem.h"
-#include "Stores.h"
+#include "ctl/NamesCheck.h"
+#include "ctl/Problem.h"
+#include "ctl/Stores.h"
 #include "network/NetworkConfiguration.h"
 #include "testsupport/CertificateFactory.h"
 #include "testsupport/TestClock.h"

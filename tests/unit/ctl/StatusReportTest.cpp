@@ -1,4 +1,4 @@
-#include "StatusReport.h"
+#include "ctl/StatusReport.h"
 
 #include <gtest/gtest.h>
 

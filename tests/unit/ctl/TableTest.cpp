@@ -1,4 +1,4 @@
-#include "Table.h"
+#include "ctl/Table.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "Text.h"
+#include "ctl/Text.h"
 
 #include <gtest/gtest.h>
 

@@ -4,8 +4,8 @@
 #include <filesystem>
 
 #include "ServiceFixture.h"
+#include "channel/Commands.h"
 #include "config/InternalCertificatesAccessor.h"
-#include "service/Commands.h"
 #include "testsupport/CertificateFactory.h"
 #include "testsupport/Traces.h"
 #include "x509/Inspection.h"

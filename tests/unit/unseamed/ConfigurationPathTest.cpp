@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "daemon/DaemonConfiguration.h"
+#include "config/DaemonConfiguration.h"
 #include "testsupport/Child.h"
 
 namespace {
