@@ -81,12 +81,6 @@ int identifyCommand(const std::string& word, int target, std::size_t arguments) 
     return found->code;
 }
 
-std::string commandWord(int code) {
-    const auto* const found = std::find_if(kCommandWords.begin(), kCommandWords.end(),
-                                           [code](const CommandWord& known) { return code == known.code; });
-    return found == kCommandWords.end() ? std::string() : found->word;
-}
-
 }  // namespace
 
 Commands::Commands(const std::string& line) {
@@ -111,11 +105,20 @@ int Commands::identifyTarget(const std::string& word) {
     return static_cast<int>(found - kTargetWords.begin());
 }
 
+std::string Commands::wordOf(Target target) {
+    return target == TargetNone ? std::string() : kTargetWords[static_cast<std::size_t>(target)];
+}
+
+std::string Commands::wordOf(Command command) {
+    const auto* const found =
+        std::find_if(kCommandWords.begin(), kCommandWords.end(),
+                     [command](const CommandWord& known) { return command == known.code; });
+    return found == kCommandWords.end() ? std::string() : found->word;
+}
+
 std::string Commands::toMessage() const {
-    std::string message = firstHeader_ + '\t' + secondHeader_ + '\t';
-    if (target_ != TargetNone)
-        message += kTargetWords[static_cast<std::size_t>(target_)];
-    message += '\t' + commandWord(command_);
+    std::string message = firstHeader_ + '\t' + secondHeader_ + '\t' + wordOf(static_cast<Target>(target_)) +
+                          '\t' + wordOf(static_cast<Command>(command_));
     for (const std::string& argument : arguments_)
         message += '\t' + argument;
     debugTrace("Commands::toMessage() :" + message);

@@ -5,6 +5,9 @@
 
 namespace keywarden {
 
+/// The argument of "createcsr" that leaves the addresses out of the request.
+constexpr const char* kNoAddressesOption = "CA-CB_compliant";
+
 /// One request line: two opaque header fields, a target, a command and its arguments, separated by TABs.
 class Commands {
   public:
@@ -49,6 +52,10 @@ class Commands {
 
     /// TargetNone for an unknown word.
     [[nodiscard]] static int identifyTarget(const std::string& word);
+
+    /// How a request names them; nothing for TargetNone and CommandNone.
+    [[nodiscard]] static std::string wordOf(Target target);
+    [[nodiscard]] static std::string wordOf(Command command);
 
     /// The line again.
     [[nodiscard]] std::string toMessage() const;

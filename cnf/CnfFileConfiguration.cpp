@@ -3,6 +3,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "channel/Answer.h"
 #include "support/Debug.h"
 #include "support/Exec.h"
 #include "support/Failure.h"
@@ -14,8 +15,6 @@
 namespace keywarden {
 
 namespace {
-
-constexpr int kCommonNameIsEmpty = 8;
 
 // Only one character is cut, whatever it is: a script whose last line has no line feed loses its last letter.
 std::string withoutLastCharacter(std::string printed) {
@@ -60,7 +59,7 @@ std::string CnfFileConfiguration::getCN() const {
         std::string printed =
             commonNameScript_.empty() ? std::string() : commonNameFromScript(commonNameScript_);
         if (printed.empty()) {
-            throw KeywardenDaemonException(kCommonNameIsEmpty, "Common name is empty!");
+            throw KeywardenDaemonException(AnswerCommonNameEmpty, "Common name is empty!");
         }
         return printed;
     } catch (...) {

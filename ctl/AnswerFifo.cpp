@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 
+#include "channel/PipeFiles.h"
 #include "ctl/Problem.h"
 #include "support/FileStatus.h"
 
@@ -20,7 +21,7 @@ constexpr std::size_t kChunk = 65536;
 }  // namespace
 
 AnswerFifo::AnswerFifo(const std::string& folder, const std::string& service)
-    : path_(folder + "/" + service + ".out") {
+    : path_(folder + "/" + keywarden::outputFifoOf(service)) {
     removePredecessor();
     try {
         make(folder);

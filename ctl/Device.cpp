@@ -11,6 +11,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "channel/PipeFiles.h"
 #include "config/DaemonConfiguration.h"
 #include "config/ServiceConfiguration.h"
 #include "ctl/Problem.h"
@@ -103,7 +104,7 @@ std::string Device::pipesFolder(const std::string& service) {
 }
 
 std::string Device::notificationFifo() {
-    return DaemonConfiguration::getNamePipesDirectory() + "/notification.signal";
+    return DaemonConfiguration::getNamePipesDirectory() + "/" + keywarden::kNotificationFifo;
 }
 
 std::optional<pid_t> Device::daemon() const {

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <memory>
 
+#include "channel/Notification.h"
 #include "ctl/Context.h"
 #include "ctl/Device.h"
 #include "ctl/Problem.h"
@@ -48,9 +49,9 @@ void addNotifyCommand(CLI::App& app, Context& /*context*/) {
     CLI::App* const command = app.add_subcommand("notify", "Tell the daemon of a change");
     command->require_subcommand(1);
     command->add_subcommand("network", "The names or addresses of the device have changed")->callback([] {
-        notify('n');
+        notify(keywarden::kNetworkHasChanged);
     });
-    command->add_subcommand("time", "The clock was set")->callback([] { notify('t'); });
+    command->add_subcommand("time", "The clock was set")->callback([] { notify(keywarden::kTimeWasSet); });
 }
 
 }  // namespace keywardctl

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string_view>
 
+#include "channel/PipeFiles.h"
 #include "ctl/Problem.h"
 #include "support/FileStatus.h"
 #include "support/Tools.h"
@@ -18,9 +19,9 @@ namespace keywardctl {
 
 namespace {
 
+using keywarden::Commands;
+
 constexpr const char* kRequesterName = "keywardctl";
-// What a waiting requester is told when the daemon stops.
-constexpr const char* kTermination = "The daemon just terminate";
 constexpr int kSliceMilliseconds = 500;
 constexpr int kRetryMilliseconds = 20;
 // A reload takes the input fifo away for a moment.
@@ -59,14 +60,18 @@ std::string requestLine(const std::string& service, const std::vector<std::strin
 void requireSuccess(const keywarden::Answer& answer) {
     if (answer.code == keywarden::AnswerSuccess)
         return;
-    const bool ended = answer.code == keywarden::AnswerNotPossible && answer.text == kTermination;
+    const bool ended =
+        answer.code == keywarden::AnswerNotPossible && answer.text == keywarden::kTerminationText;
     throw Problem(ended ? ExitCode::DaemonNotRunning : ExitCode::Refused, answer.text);
 }
 
 Requester::Requester(const Device& device, const std::string& service, const Deadline& deadline)
     : device_(device), service_(service), deadline_(deadline), lock_(device, service, deadline_, signals_) {}
 
-keywarden::Answer Requester::ask(const std::vector<std::string>& fields) {
+keywarden::Answer Requester::ask(Commands::Target target, Commands::Command command,
+                                 const std::vector<std::string>& arguments) {
+    std::vector<std::string> fields{Commands::wordOf(target), Commands::wordOf(command)};
+    fields.insert(fields.end(), arguments.begin(), arguments.end());
     const std::string line = requestLine(service_, fields);
     std::optional<AnswerFifo> fifo(std::in_place, folder(), service_);
     if (fifo->replacedAnother() || lock_.isMarked()) {
@@ -81,8 +86,9 @@ keywarden::Answer Requester::ask(const std::vector<std::string>& fields) {
     return parseAnswer(answer);
 }
 
-std::string Requester::askOrThrow(const std::vector<std::string>& fields) {
-    const keywarden::Answer answer = ask(fields);
+std::string Requester::askOrThrow(Commands::Target target, Commands::Command command,
+                                  const std::vector<std::string>& arguments) {
+    const keywarden::Answer answer = ask(target, command, arguments);
     requireSuccess(answer);
     return answer.text;
 }
@@ -96,7 +102,7 @@ void Requester::synchronise(AnswerFifo& fifo) {
     for (std::int64_t patience = 1;; patience *= 2) {
         waitForEmptyInput();
         const std::string word = "synchronise-" + keywarden::Tools::getRandomName(kWordLength);
-        send(requestLine(service_, {"config", word}));
+        send(requestLine(service_, {Commands::wordOf(Commands::TargetConfig), word}));
         const Deadline next(patience);
         std::string text;
         while (!next.isOver()) {
@@ -141,7 +147,7 @@ void Requester::send(const std::string& line) const {
 }
 
 keywarden::UniqueFd Requester::openInput() const {
-    const std::string path = folder() + "/" + service_ + ".in";
+    const std::string path = folder() + "/" + keywarden::inputFifoOf(service_);
     const Deadline reload(kReloadSeconds);
     for (;;) {
         keywarden::UniqueFd input(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
@@ -169,7 +175,7 @@ std::string Requester::readAnswer(const AnswerFifo& fifo) const {
     while (readSome(fifo, text))
         ;
     // A stop may be told before the end of the answer was seen.
-    const std::string stop = std::to_string(keywarden::AnswerNotPossible) + " " + kTermination;
+    const std::string stop = std::to_string(keywarden::AnswerNotPossible) + " " + keywarden::kTerminationText;
     if (text.size() > stop.size() && endsWith(text, stop))
         text.resize(text.size() - stop.size());
     return text;

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "channel/Answer.h"
+#include "channel/Commands.h"
 #include "ctl/AnswerFifo.h"
 #include "ctl/Deadline.h"
 #include "ctl/Device.h"
@@ -19,10 +20,12 @@ class Requester {
   public:
     Requester(const Device& device, const std::string& service, const Deadline& deadline);
 
-    /// Target, command and arguments. A field with a TAB, a line feed or a NUL in it is a Problem of usage.
-    keywarden::Answer ask(const std::vector<std::string>& fields);
+    /// An argument with a TAB, a line feed or a NUL in it is a Problem of usage.
+    keywarden::Answer ask(keywarden::Commands::Target target, keywarden::Commands::Command command,
+                          const std::vector<std::string>& arguments = {});
     /// The text of a success; any other answer is thrown as a Problem with the daemon's text.
-    std::string askOrThrow(const std::vector<std::string>& fields);
+    std::string askOrThrow(keywarden::Commands::Target target, keywarden::Commands::Command command,
+                           const std::vector<std::string>& arguments = {});
 
     [[nodiscard]] std::string folder() const { return Device::pipesFolder(service_); }
     [[nodiscard]] const std::string& service() const { return service_; }

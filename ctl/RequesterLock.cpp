@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <string_view>
 
+#include "channel/PipeFiles.h"
 #include "ctl/Problem.h"
 #include "support/FileStatus.h"
 
@@ -36,7 +37,7 @@ bool isLockFile(const keywarden::FileStatus& file, const std::string& folder) {
 
 RequesterLock::RequesterLock(const Device& device, const std::string& service, const Deadline& deadline,
                              const HeldSignals& signals)
-    : path_(Device::pipesFolder(service) + "/" + service + ".lock") {
+    : path_(Device::pipesFolder(service) + "/" + keywarden::requesterLockOf(service)) {
     for (;;) {
         file_ = open(device, service);
         while (::flock(file_.get(), LOCK_EX | LOCK_NB) != 0) {

@@ -17,10 +17,9 @@ namespace keywardctl {
 
 namespace {
 
+using keywarden::Commands;
 using keywarden::ServiceConfiguration;
 
-// The option of "createcsr" that leaves the addresses out of the request.
-constexpr const char* kNoAddresses = "CA-CB_compliant";
 constexpr const char* kGenerationKeys = "neither \"selfSignedGeneration yes\" nor \"CASignedGeneration yes\"";
 
 struct ServerOptions {
@@ -57,10 +56,10 @@ void csr(const ServerOptions& options, const Deadline& deadline) {
     {
         // Read under the lock: the next requester's request would take the place of this one.
         Requester requester(device, options.service, deadline);
-        std::vector<std::string> fields{"server", "createcsr"};
+        std::vector<std::string> arguments;
         if (options.noAddresses)
-            fields.emplace_back(kNoAddresses);
-        requester.askOrThrow(fields);
+            arguments.emplace_back(keywarden::kNoAddressesOption);
+        requester.askOrThrow(Commands::TargetServer, Commands::CommandCreateCsr, arguments);
         const std::string path = serverStoreOf(options.service).csrPath();
         try {
             pem = keywarden::readRegularFile(path, keywarden::kLargestCertificateFile);
@@ -78,7 +77,7 @@ void apply(const ServerOptions& options, const Deadline& deadline) {
     {
         Requester requester(device, options.service, deadline);
         const PassedCertificate passed(requester, options.file);
-        requester.askOrThrow({"server", "applycrt", passed.path()});
+        requester.askOrThrow(Commands::TargetServer, Commands::CommandApplyCrt, {passed.path()});
     }
     const auto active = activeCertificateOf(options.service);
     print((active ? active->id : std::string()) + "\n");
@@ -96,7 +95,7 @@ void renew(const ServerOptions& options, const Deadline& deadline) {
                                              "' has " + kGenerationKeys +
                                              "; use 'keywardctl csr' and 'keywardctl apply'");
     const std::string before = pemOf(activeCertificateOf(options.service));
-    Requester(device, options.service, deadline).askOrThrow({"server", "revoke"});
+    Requester(device, options.service, deadline).askOrThrow(Commands::TargetServer, Commands::CommandRevoke);
     const auto active = activeCertificateOf(options.service);
     if (!active)
         throw Problem(ExitCode::Failed,
@@ -112,7 +111,7 @@ void revoke(const ServerOptions& options, const Deadline& deadline) {
     const Device device;
     device.require(options.service);
     const bool hadOne = activeCertificateOf(options.service).has_value();
-    Requester(device, options.service, deadline).askOrThrow({"server", "revoke"});
+    Requester(device, options.service, deadline).askOrThrow(Commands::TargetServer, Commands::CommandRevoke);
     if (const auto active = activeCertificateOf(options.service)) {
         print(active->id + "\n");
         note("the daemon has made a new certificate in the place of the old one");
@@ -127,7 +126,8 @@ void revoke(const ServerOptions& options, const Deadline& deadline) {
 void reload(const ServerOptions& options, const Deadline& deadline) {
     const Device device;
     device.require(options.service);
-    print(Requester(device, options.service, deadline).askOrThrow({"config", "reload"}) + "\n");
+    Requester requester(device, options.service, deadline);
+    print(requester.askOrThrow(Commands::TargetConfig, Commands::CommandReload) + "\n");
 }
 
 using Action = void (*)(const ServerOptions&, const Deadline&);

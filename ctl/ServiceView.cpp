@@ -10,6 +10,7 @@ namespace keywardctl {
 
 namespace {
 
+using keywarden::Commands;
 using keywarden::ServiceConfiguration;
 
 // One unreadable file hides what is in it, not the rest of the service.
@@ -93,8 +94,8 @@ void askState(ServiceView& view, const Device& device, const Deadline& deadline)
         if (!device.daemon())
             device.throwNotRunning();
         Requester requester(device, view.service, deadline);
-        const std::string answer = requester.askOrThrow({"config", "status"});
-        view.state = answer == "running" ? State::Running : State::Stopped;
+        const std::string answer = requester.askOrThrow(Commands::TargetConfig, Commands::CommandStatus);
+        view.state = answer == keywarden::kRunningText ? State::Running : State::Stopped;
     } catch (const Problem& problem) {
         view.state = problem.code() == ExitCode::DaemonNotRunning ? State::NotRunning : State::Unknown;
         view.problems.emplace_back(problem.what());

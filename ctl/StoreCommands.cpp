@@ -20,10 +20,10 @@ namespace keywardctl {
 
 namespace {
 
-// The code of an answer that the same certificate is in the store already.
-constexpr int kAlreadyThere = 43;
+using keywarden::Commands;
 
 struct StoreOptions {
+    Commands::Target target = Commands::TargetNone;
     std::string store;
     std::string service;
     std::string file;
@@ -43,8 +43,8 @@ void add(const StoreOptions& options, const Deadline& deadline) {
     device.require(options.service);
     Requester requester(device, options.service, deadline);
     const PassedCertificate passed(requester, options.file);
-    const keywarden::Answer answer = requester.ask({options.store, "add", passed.path()});
-    if (answer.code == kAlreadyThere) {
+    const keywarden::Answer answer = requester.ask(options.target, Commands::CommandAdd, {passed.path()});
+    if (answer.code == keywarden::AnswerAlreadyPresent) {
         note(answer.text);
         return;
     }
@@ -86,9 +86,7 @@ void remove(const StoreOptions& options, const Deadline& deadline) {
     const Device device;
     device.require(options.service);
     Requester requester(device, options.service, deadline);
-    std::vector<std::string> fields{options.store, "revoke"};
-    fields.insert(fields.end(), options.ids.begin(), options.ids.end());
-    const std::string answer = requester.askOrThrow(fields);
+    const std::string answer = requester.askOrThrow(options.target, Commands::CommandRevoke, options.ids);
     if (!answer.empty())
         print(answer + "\n");
     std::vector<std::string> missing;
@@ -104,7 +102,7 @@ void remove(const StoreOptions& options, const Deadline& deadline) {
 void showOne(const StoreOptions& options) {
     ShowOptions forwarded;
     forwarded.service = options.service;
-    (options.store == "ca" ? forwarded.caId : forwarded.clientId) = options.ids.front();
+    (options.target == Commands::TargetCA ? forwarded.caId : forwarded.clientId) = options.ids.front();
     forwarded.json = options.json;
     forwarded.pem = options.pem;
     show(forwarded);
@@ -117,10 +115,12 @@ CLI::App* addAction(CLI::App& group, const std::string& name, const std::string&
     return command;
 }
 
-void addStore(CLI::App& app, Context& context, const std::string& store, const std::string& description) {
+void addStore(CLI::App& app, Context& context, Commands::Target target, const std::string& description) {
+    const std::string store = Commands::wordOf(target);
     CLI::App* const group = app.add_subcommand(store, description);
     group->require_subcommand(1);
     const auto options = std::make_shared<StoreOptions>();
+    options->target = target;
     options->store = store;
 
     CLI::App* const addCommand = addAction(*group, "add", "Trust a certificate", options);
@@ -145,8 +145,8 @@ void addStore(CLI::App& app, Context& context, const std::string& store, const s
 }  // namespace
 
 void addStoreCommands(CLI::App& app, Context& context) {
-    addStore(app, context, "ca", "The authorities that a service trusts");
-    addStore(app, context, "client", "The clients that a service trusts");
+    addStore(app, context, Commands::TargetCA, "The authorities that a service trusts");
+    addStore(app, context, Commands::TargetClient, "The clients that a service trusts");
 }
 
 }  // namespace keywardctl

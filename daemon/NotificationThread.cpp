@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <mutex>
 
+#include "channel/Notification.h"
+#include "channel/PipeFiles.h"
 #include "config/DaemonConfiguration.h"
 #include "daemon/DaemonState.h"
 #include "daemon/Exit.h"
@@ -24,7 +26,6 @@ namespace keywarden {
 
 namespace {
 
-constexpr mode_t kFifoMode = 0720;
 // After a failure that may pass.
 constexpr std::int64_t kPauseMilliseconds = 100;
 constexpr int kAttempts = 3;
@@ -66,9 +67,9 @@ void handleNotification(char notification) {
         Log::write(SeverityInfo, "Ignoring the reload notification as the system date is invalid.");
         return;
     }
-    if (notification == 'n')
+    if (notification == kNetworkHasChanged)
         reloadNetwork();
-    else if (notification == 't')
+    else if (notification == kTimeWasSet)
         reloadTime();
 }
 
@@ -90,7 +91,7 @@ void readNotifications(const std::string& path) {
         Log::write(SeverityError, error.what());
         return;
     }
-    FifoReader reader(folder, splitPath(path).second, kFifoMode,
+    FifoReader reader(folder, splitPath(path).second, kInputFifoMode,
                       DaemonConfiguration::getInstance().getNotificationGroup());
     std::array<char, 256> received;
     bool usable = reader.open();
@@ -108,7 +109,7 @@ void readNotifications(const std::string& path) {
 }  // namespace
 
 std::string notificationFifoPath() {
-    return DaemonConfiguration::getNamePipesDirectory() + "/notification.signal";
+    return DaemonConfiguration::getNamePipesDirectory() + "/" + kNotificationFifo;
 }
 
 void* notificationHandler(void*) {

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <memory>
 
+#include "channel/PipeFiles.h"
 #include "config/DaemonConfiguration.h"
 #include "config/ServiceConfiguration.h"
 #include "daemon/DaemonState.h"
@@ -39,7 +40,6 @@ namespace keywarden {
 namespace {
 
 constexpr mode_t kLockMode = 0640;
-constexpr mode_t kNotificationFifoMode = 0720;
 constexpr unsigned kTreeMode = 0711;
 
 // Set once, by the main thread. What is there otherwise belongs to another instance.
@@ -351,7 +351,7 @@ void createNotificationFifo() {
     const std::string path = notificationFifoPath();
     const std::string group = DaemonConfiguration::getInstance().getNotificationGroup();
     const FolderPtr folder = createFolder(DaemonConfiguration::getNamePipesDirectory(), kTreeMode);
-    if (!folder || !folder->makeFifo(splitPath(path).second, kNotificationFifoMode, group)) {
+    if (!folder || !folder->makeFifo(splitPath(path).second, kInputFifoMode, group)) {
         const std::string failure = "Error to create Fifo IN: " + path;
         Log::write(SeverityError, failure);
         throw KeywardenDaemonException(failure);

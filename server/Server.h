@@ -100,8 +100,8 @@ class Server {
     /// The change time of a service's active certificate file, seconds since the epoch; 0 when there is none.
     [[nodiscard]] std::int64_t getServerCertificateTimestamp(const std::string& service) const;
 
-    // External PKI (ServerRequest.cpp). Failures are KeywardenDaemonException, with code 9, 21 or 26 where a
-    // requester is told one.
+    // External PKI (ServerRequest.cpp). Failures are KeywardenDaemonException, with the code that a
+    // requester is to know them by (channel/Answer.h).
     /// Replaces the pending request; a failure leaves none.
     void createCsr();
     void createCsr(const OverrideStaticConfig& override);

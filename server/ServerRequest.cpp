@@ -1,6 +1,7 @@
 // The pending request for an external PKI, and the certificate that comes back for it.
 #include <utility>
 
+#include "channel/Answer.h"
 #include "server/FailureTexts.h"
 #include "server/Server.h"
 #include "server/ServerEvents.h"
@@ -17,10 +18,6 @@
 namespace keywarden {
 
 namespace {
-
-constexpr int kCertificateUnreadable = 9;
-constexpr int kRequestUnreadable = 21;
-constexpr int kNotForTheRequest = 26;
 
 constexpr FailureTexts kCreatingFailed = {"Daemon exception caught while creating Csr for service '",
                                           "Std exception caught while creating CSR for service '",
@@ -99,7 +96,7 @@ void Server::applyCrt(const std::string& path) {
             "End date of Certificate you are trying to apply is beyond the current system");
     // The key's folder is less well guarded than the request's: what does not fit is not installed.
     if (!validateCsrAndCrt(request, certificate) || !keyMatchesCertificate(key, certificate))
-        throw KeywardenDaemonException(kNotForTheRequest, "Error in validating csr and crt");
+        throw KeywardenDaemonException(AnswerNotForTheRequest, "Error in validating csr and crt");
     const NetworkInfo network = readNetwork(folders, accessor.csrNetworkPath());
     installCertificate(certificate, key, network);
     debugTrace("Apply certificate from External PKI... done.");
@@ -114,7 +111,7 @@ X509_T Server::readCertificateToApply(const std::string& path) const {
     try {
         return readCertificateFile(path);
     } catch (...) {
-        throw KeywardenDaemonException(kCertificateUnreadable, describeFailure(kReadingFailed, name()));
+        throw KeywardenDaemonException(AnswerCertificateInvalid, describeFailure(kReadingFailed, name()));
     }
 }
 
@@ -126,7 +123,7 @@ std::pair<X509_REQ_T, EVP_PKEY_T> Server::readPendingRequest() {
     } catch (...) {
         const std::string message = describeFailure(kRequestFailed, name());
         removeCsr();
-        throw KeywardenDaemonException(kRequestUnreadable, message);
+        throw KeywardenDaemonException(AnswerRequestUnreadable, message);
     }
 }
 

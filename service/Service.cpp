@@ -10,6 +10,7 @@
 #include "callbacks/BinaryServiceCallbacks.h"
 #include "callbacks/Delivery.h"
 #include "callbacks/LibraryWrapperServiceCallbacks.h"
+#include "channel/PipeFiles.h"
 #include "config/DaemonConfiguration.h"
 #include "server/Server.h"
 #include "stores/CertificateAuthority.h"
@@ -29,7 +30,6 @@ namespace keywarden {
 
 namespace {
 
-constexpr unsigned kPipesMode = 0770;
 constexpr unsigned kServiceDirectoryMode = 0711;
 
 }  // namespace
@@ -110,7 +110,7 @@ void Service::loadCallbacks() {
 // Only root and the daemon user can have put something else in its place.
 void Service::preparePipesDirectory() {
     const std::string root = DaemonConfiguration::getNamePipesDirectory();
-    pipes_ = Folder::at(root, Folder::Owner::Anybody)->makeAnyway(getServiceId(), kPipesMode);
+    pipes_ = Folder::at(root, Folder::Owner::Anybody)->makeAnyway(getServiceId(), kPipesFolderMode);
     // A daemon user who is no member may not give the group away; the check that follows says so by name.
     try {
         pipes_->setGroup(getManagementGroup());
@@ -388,15 +388,15 @@ std::string Service::pipesDirectory() const {
 }
 
 std::string Service::inputPath() const {
-    return pipesDirectory() + "/" + getServiceId() + ".in";
+    return pipesDirectory() + "/" + inputName();
 }
 
 std::string Service::outputPath() const {
-    return pipesDirectory() + "/" + getServiceId() + ".out";
+    return pipesDirectory() + "/" + outputName();
 }
 
 std::string Service::lockPath() const {
-    return pipesDirectory() + "/" + getServiceId() + ".lock";
+    return pipesDirectory() + "/" + lockName();
 }
 
 }  // namespace keywarden

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "channel/Answer.h"
+#include "channel/PipeFiles.h"
 #include "config/ServiceConfiguration.h"
 #include "service/TimerControl.h"
 #include "support/Folder.h"
@@ -167,9 +168,9 @@ class Service : public ServiceConfiguration {
                                    const std::string& missing, const std::string& badCommand);
 
     [[nodiscard]] std::string pipesDirectory() const;
-    [[nodiscard]] std::string inputName() const { return getServiceId() + ".in"; }
-    [[nodiscard]] std::string outputName() const { return getServiceId() + ".out"; }
-    [[nodiscard]] std::string lockName() const { return getServiceId() + ".lock"; }
+    [[nodiscard]] std::string inputName() const { return inputFifoOf(getServiceId()); }
+    [[nodiscard]] std::string outputName() const { return outputFifoOf(getServiceId()); }
+    [[nodiscard]] std::string lockName() const { return requesterLockOf(getServiceId()); }
     [[nodiscard]] std::string inputPath() const;
     [[nodiscard]] std::string outputPath() const;
     [[nodiscard]] std::string lockPath() const;

@@ -10,6 +10,7 @@
 #include <cerrno>
 
 #include "channel/Commands.h"
+#include "channel/PipeFiles.h"
 #include "config/DaemonConfiguration.h"
 #include "service/Service.h"
 #include "support/Accounts.h"
@@ -30,9 +31,6 @@ namespace keywarden {
 
 namespace {
 
-constexpr unsigned kPipesMode = 0770;
-constexpr mode_t kInputMode = 0720;
-constexpr mode_t kLockMode = 0760;
 constexpr std::size_t kChunk = 1023;
 constexpr std::size_t kLongestRequest = 65536;
 // A requester that opens the input fifo and hangs would otherwise keep the channel from all others.
@@ -47,7 +45,7 @@ constexpr std::int64_t kLongestRetryMilliseconds = 20;
 
 // An input fifo that somebody moved to the place of an output would make requests of answers, without end.
 bool isRequestersFifo(const FileStatus& status) {
-    return status.isFifo() && !(status.uid == ::geteuid() && status.permissions() == kInputMode);
+    return status.isFifo() && !(status.uid == ::geteuid() && status.permissions() == kInputFifoMode);
 }
 
 // Says nothing against the fifo: only this process, or the whole device, has no room for it now.
@@ -204,7 +202,7 @@ void Service::makePipes(Stop before) {
     const std::string& id = getServiceId();
     const std::string directory = pipesDirectory();
     pipes_ = Folder::at(DaemonConfiguration::getNamePipesDirectory(), Folder::Owner::Anybody)
-                 ->makeAnyway(id, kPipesMode);
+                 ->makeAnyway(id, kPipesFolderMode);
     try {
         pipes_->setGroup(getManagementGroup());
     } catch (...) {
@@ -212,7 +210,7 @@ void Service::makePipes(Stop before) {
                    "Failed to change group of temporary file " + directory + " for service " + id);
     }
     try {
-        pipes_->setMode(kPipesMode);
+        pipes_->setMode(kPipesFolderMode);
     } catch (...) {
         throw KeywardenDaemonException(
             "Failed to assign required permissions to temporary file for service " + id);
@@ -225,7 +223,7 @@ void Service::makePipes(Stop before) {
 
 void Service::makeInputFifo() {
     const std::string input = inputPath();
-    const UniqueFd end = pipes_->makeFifo(inputName(), kInputMode, std::string());
+    const UniqueFd end = pipes_->makeFifo(inputName(), kInputFifoMode, std::string());
     if (!end)
         throw PipesNotMade("Failed to create Fifo IN for service " + getServiceId());
     try {
@@ -234,7 +232,7 @@ void Service::makeInputFifo() {
         Log::write(SeverityError,
                    "Change the group of file: " + input + " to:" + getManagementGroup() + "' failed.");
     }
-    if (::fchmod(end.get(), kInputMode) != 0)
+    if (::fchmod(end.get(), kInputFifoMode) != 0)
         throw KeywardenDaemonException("Error to assign required permissions to file '" + input +
                                        "' for service: " + getServiceId());
 }
@@ -256,7 +254,7 @@ void Service::makeLockFile() const {
                                                                     "Std exception" + of + file + " ",
                                                                     "Unknown exception" + of + file + "."));
     }
-    const bool hasMode = ::fchmod(lock.get(), kLockMode) == 0;
+    const bool hasMode = ::fchmod(lock.get(), kRequesterLockMode) == 0;
     if (hasMode && pipes_->putInPlace(fresh, lockName()))
         return;
     static_cast<void>(pipes_->remove(fresh));
@@ -283,9 +281,8 @@ void Service::stopHandler(Stop stop) {
     remove(inputName());
     if (stop == Stop::ForReload)
         return;
-    survives("The last answer", [this] {
-        respond(AnswerNotPossible, "The daemon just terminate", kPatienceAtTheEndMilliseconds);
-    });
+    survives("The last answer",
+             [this] { respond(AnswerNotPossible, kTerminationText, kPatienceAtTheEndMilliseconds); });
     remove(lockName());
     if (pipes_)
         static_cast<void>(removePipesFolder());
@@ -299,7 +296,7 @@ void* Service::commandLineAnalyser(void* service) {
 void Service::readRequests() {
     Log::open();
     Log::write(SeverityInfo, "Entering the command line analyzer for service " + getServiceId());
-    FifoReader reader(pipes_, inputName(), kInputMode, getManagementGroup(), kRequestLimits);
+    FifoReader reader(pipes_, inputName(), kInputFifoMode, getManagementGroup(), kRequestLimits);
     bool usable = reader.open();
     while (usable) {
         Request request;
@@ -404,7 +401,8 @@ void Service::releaseRequesterLock() const {
     const std::string path = lockPath();
     const FolderPtr folder = pipes_;
     const UniqueFd lock(folder ? ::openat(folder->get(), lockName().c_str(),
-                                          O_WRONLY | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, kLockMode)
+                                          O_WRONLY | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC,
+                                          kRequesterLockMode)
                                : -1);
     if (lock)
         ::flock(lock.get(), LOCK_UN);

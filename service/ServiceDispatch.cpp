@@ -18,9 +18,6 @@ namespace keywarden {
 
 namespace {
 
-// The option of "createcsr" that leaves the addresses out of the request.
-constexpr const char* kNoAddressesOption = "CA-CB_compliant";
-
 Answer logged(AnswerCode code, const std::string& text) {
     Log::write(SeverityError, text);
     return {code, text};
@@ -76,7 +73,7 @@ std::optional<Answer> Service::dispatch(const Commands& command) {
 std::optional<Answer> Service::execConfig(const Commands& command) {
     switch (command.getCommand()) {
         case Commands::CommandStatus:
-            return Answer{AnswerSuccess, loaded_ ? "running" : "stoped"};
+            return Answer{AnswerSuccess, loaded_ ? kRunningText : kStoppedText};
         case Commands::CommandReload:
             if (!loaded_)
                 return logged(AnswerNotPossible, "Not able to reload the service-" + getServiceId());

@@ -4,6 +4,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "channel/Answer.h"
 #include "config/ServiceConfiguration.h"
 #include "stores/CertificateId.h"
 #include "stores/CertificateInfo.h"
@@ -29,18 +30,13 @@ constexpr std::size_t kDurableFolders = 2;
 constexpr const char* kNewEvent = "new";
 constexpr const char* kRevokeEvent = "revoke";
 
-constexpr int kSourceMissing = 1;
-constexpr int kNotValid = 9;
-constexpr int kFull = 42;
-constexpr int kAlreadyPresent = 43;
-
 Secret readSource(const std::string& path) {
     if (!Tools::fileExist(path))
-        throw KeywardenDaemonException(kSourceMissing, "Certificate does not exist for " + path);
+        throw KeywardenDaemonException(AnswerFailure, "Certificate does not exist for " + path);
     try {
         return Secret(readRegularFile(path, kLargestCertificateFile));
     } catch (...) {
-        throw KeywardenDaemonException(kSourceMissing, Failure::current().text());
+        throw KeywardenDaemonException(AnswerFailure, Failure::current().text());
     }
 }
 
@@ -73,7 +69,7 @@ std::string ExternalCertificatesStorage::add(const std::string& sourcePath) {
     const X509_T certificate = loadSource(source.text(), sourcePath);
     debugTrace(" -> Check the certificate...");
     if (!isValidCertificate(certificate))
-        throw KeywardenDaemonException(kNotValid, "No valid certificate found.");
+        throw KeywardenDaemonException(AnswerCertificateInvalid, "No valid certificate found.");
     debugTrace(" -> Get the certificate name...");
     std::string id = newIdOf(certificate);
     saveFiles(id, certificate, source.text());
@@ -215,7 +211,7 @@ void ExternalCertificatesStorage::stageIndexes(FileTransaction& change, const Ce
 void ExternalCertificatesStorage::refuseWhenFull() const {
     const unsigned maximum = getMaxNumberOfCertificates();
     if (maximum != 0 && maximum <= idCnMap_.size())
-        throw KeywardenDaemonException(kFull,
+        throw KeywardenDaemonException(AnswerStoreFull,
                                        "Too many certificates found while adding certificate" + place());
 }
 
@@ -224,11 +220,12 @@ X509_T ExternalCertificatesStorage::loadSource(const std::string& content, const
     try {
         certificate = X509_T::fromPem(content);
     } catch (...) {
-        throw KeywardenDaemonException(kNotValid, "Failed to read certificate from file: " + path);
+        throw KeywardenDaemonException(AnswerCertificateInvalid,
+                                       "Failed to read certificate from file: " + path);
     }
     // The copy will be readable by everybody.
     if (content.find("PRIVATE KEY-----") != std::string::npos)
-        throw KeywardenDaemonException(kNotValid, "The certificate file holds a private key.");
+        throw KeywardenDaemonException(AnswerCertificateInvalid, "The certificate file holds a private key.");
     return certificate;
 }
 
@@ -254,13 +251,14 @@ std::string ExternalCertificatesStorage::nextIdOf(const std::string& hash, const
             id = candidate;
     }
     if (id.empty())
-        throw KeywardenDaemonException(kFull, "Reached maximum limit of certificates with same hash.");
+        throw KeywardenDaemonException(AnswerStoreFull,
+                                       "Reached maximum limit of certificates with same hash.");
     return id;
 }
 
 void ExternalCertificatesStorage::refuseWhenStoredAs(const std::string& id, const X509_T& certificate) const {
     if (isStoredAs(id, certificate))
-        throw KeywardenDaemonException(kAlreadyPresent, "Certificate already present" + place());
+        throw KeywardenDaemonException(AnswerAlreadyPresent, "Certificate already present" + place());
 }
 
 bool ExternalCertificatesStorage::isStoredAs(const std::string& id, const X509_T& certificate) const {

@@ -39,12 +39,13 @@ class ExternalCertificatesStorage {
     /// id. The file is read once, must be a regular one of at most 1 MiB and must hold no private key: what
     /// is stored is readable by everybody. The owner is to be told; told() strikes that out.
     ///
-    /// Throws KeywardenDaemonException: code 1 when the file is missing or cannot be read, 9 when it holds no
-    /// certificate for this store, 42 when the store or the row of ids with one hash is full, 43 when the
-    /// certificate is there already. Throws std::runtime_error when a file of the store cannot be written;
-    /// what was written before it stays, and is then listed, counted and can be revoked: after every failure
-    /// the store knows what its folder holds. A power cut at any moment leaves the store with the certificate
-    /// or without it, or with the one that it replaces.
+    /// Throws KeywardenDaemonException: AnswerFailure when the file is missing or cannot be read,
+    /// AnswerCertificateInvalid when it holds no certificate for this store, AnswerStoreFull when the store
+    /// or the row of ids with one hash is full, AnswerAlreadyPresent when the certificate is there already.
+    /// Throws std::runtime_error when a file of the store cannot be written; what was written before it
+    /// stays, and is then listed, counted and can be revoked: after every failure the store knows what its
+    /// folder holds. A power cut at any moment leaves the store with the certificate or without it, or with
+    /// the one that it replaces.
     std::string add(const std::string& sourcePath);
 
     /// Removes one certificate; the list and map files are not rewritten. Returns whether it was there and is

@@ -6,9 +6,7 @@
 
 namespace keywarden {
 
-/// The daemon's own failure: a text and, where a requester is told of it, a numeric code.
-/// Codes in use: 1 source certificate missing, 8 empty common name, 9 not a valid certificate, 21 pending
-/// request unreadable, 26 certificate does not match the request, 42 store full, 43 already present.
+/// The daemon's own failure: a text and, where a requester is to know it by its code, that of the answer.
 class KeywardenDaemonException : public std::exception {
   public:
     explicit KeywardenDaemonException(std::string message) : message_(std::move(message)) {}

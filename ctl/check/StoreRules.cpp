@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <optional>
 
+#include "channel/PipeFiles.h"
 #include "config/ExternalCertificatesAccessor.h"
 #include "config/InternalCertificatesAccessor.h"
 #include "ctl/check/Rules.h"
@@ -151,8 +152,8 @@ void checkDaemonFolders(const Subject& subject, Report& report) {
     RightsRules rules(subject, report);
     for (const char* const key : {"keywardDirectory", "namePipesDirectory"})
         rules.check(values.text(key), kFolder, subject.user);
-    rules.check(values.text("namePipesDirectory") + "/notification.signal", 0720,
-                values.text("notificationGroup"));
+    rules.check(values.text("namePipesDirectory") + "/" + keywarden::kNotificationFifo,
+                keywarden::kInputFifoMode, values.text("notificationGroup"));
 }
 
 void checkStores(const Subject& subject, const CheckedService& service, Report& report) {
@@ -161,9 +162,9 @@ void checkStores(const Subject& subject, const CheckedService& service, Report& 
     RightsRules rules(subject, report);
     rules.check(daemon.text("keywardDirectory") + "/" + service.id, kFolder, group);
     const std::string pipes = daemon.text("namePipesDirectory") + "/" + service.id;
-    rules.check(pipes, 0770, group);
-    rules.check(pipes + "/" + service.id + ".in", 0720, group);
-    rules.check(pipes + "/" + service.id + ".lock", 0760, group);
+    rules.check(pipes, keywarden::kPipesFolderMode, group);
+    rules.check(pipes + "/" + keywarden::inputFifoOf(service.id), keywarden::kInputFifoMode, group);
+    rules.check(pipes + "/" + keywarden::requesterLockOf(service.id), keywarden::kRequesterLockMode, group);
     if (service.file.values.isYes("server"))
         checkServerStore(rules, service);
     if (service.file.values.isYes("ca"))
