@@ -1,65 +1,16 @@
 #include "channel/Commands.h"
 
 #include <algorithm>
-#include <array>
 #include <stdexcept>
 
+#include "channel/CommandTable.h"
 #include "support/Debug.h"
 
 namespace keywarden {
 
 namespace {
 
-constexpr std::array<const char*, 4> kTargetWords{"server", "ca", "client", "config"};
 constexpr std::size_t kHeaderFields = 4;
-
-bool isStore(int target) {
-    return target == Commands::TargetCA || target == Commands::TargetClient;
-}
-bool isServer(int target) {
-    return target == Commands::TargetServer;
-}
-bool isConfig(int target) {
-    return target == Commands::TargetConfig;
-}
-
-struct CommandWord {
-    const char* word;
-    int code;
-    bool (*accepts)(int target, std::size_t arguments);
-};
-
-// Which target takes a command with how many arguments. "path" and "info" are as odd as they look.
-constexpr std::array<CommandWord, 21> kCommandWords{{
-    {"reload", Commands::CommandReload, [](int t, std::size_t n) { return isConfig(t) && n == 0; }},
-    {"status", Commands::CommandStatus, [](int t, std::size_t n) { return isConfig(t) && n == 0; }},
-    {"getcsr", Commands::CommandGetCsr, [](int t, std::size_t n) { return isServer(t) && n == 0; }},
-    {"getcsrinfo", Commands::CommandGetCsrInfo, [](int t, std::size_t n) { return isServer(t) && n == 0; }},
-    {"createcsr", Commands::CommandCreateCsr, [](int t, std::size_t) { return isServer(t); }},
-    {"createcrt", Commands::CommandCreateCrt, [](int t, std::size_t n) { return isServer(t) && n == 3; }},
-    {"applycrt", Commands::CommandApplyCrt, [](int t, std::size_t n) { return isServer(t) && n == 1; }},
-    {"getkey", Commands::CommandGetKey, [](int t, std::size_t n) { return isServer(t) && n == 0; }},
-    {"revoke", Commands::CommandRevoke,
-     [](int t, std::size_t n) { return (isServer(t) && n == 0) || (isStore(t) && n >= 1); }},
-    {"add", Commands::CommandAdd, [](int t, std::size_t n) { return isStore(t) && n == 1; }},
-    {"list", Commands::CommandList, [](int t, std::size_t n) { return isStore(t) && n == 0; }},
-    {"listByCN", Commands::CommandListByCN, [](int t, std::size_t n) { return isStore(t) && n == 1; }},
-    {"info", Commands::CommandInfo,
-     [](int t, std::size_t n) { return (isServer(t) && n == 0) || (isStore(t) && n >= 1) || n >= 2; }},
-    {"help", Commands::CommandHelp, [](int, std::size_t n) { return n == 0; }},
-    {"getOverwrittenData", Commands::CommandGetOverwrittenData,
-     [](int t, std::size_t n) { return (isServer(t) && n == 0) || (isStore(t) && n == 1); }},
-    {"setOverwrittenData", Commands::CommandSetOverwrittenData,
-     [](int t, std::size_t n) { return (isServer(t) && n == 2) || (isStore(t) && n == 3); }},
-    {"details", Commands::CommandDetails,
-     [](int t, std::size_t n) { return (isServer(t) && n == 0) || (isStore(t) && n == 1); }},
-    {"path", Commands::CommandPath, [](int t, std::size_t n) { return !isConfig(t) && n != 1; }},
-    {"getcert", Commands::CommandGetCert,
-     [](int t, std::size_t n) { return (isServer(t) && n == 0) || (isStore(t) && n == 1); }},
-    {"getcertinfo", Commands::CommandGetCertInfo, [](int t, std::size_t) { return !isConfig(t); }},
-    {"getcsrtimestamp", Commands::CommandGetCsrTimestamp,
-     [](int t, std::size_t n) { return isServer(t) && n == 0; }},
-}};
 
 // A TAB at the end makes an empty last field.
 std::vector<std::string> splitAtTabs(const std::string& line) {
@@ -73,10 +24,10 @@ std::vector<std::string> splitAtTabs(const std::string& line) {
     return fields;
 }
 
-int identifyCommand(const std::string& word, int target, std::size_t arguments) {
-    const auto* const found = std::find_if(kCommandWords.begin(), kCommandWords.end(),
-                                           [&word](const CommandWord& known) { return word == known.word; });
-    if (found == kCommandWords.end() || !found->accepts(target, arguments))
+Commands::Command identifyCommand(const std::string& word, Commands::Target target, std::size_t arguments) {
+    const auto* const found = std::find_if(kCommandTable.begin(), kCommandTable.end(),
+                                           [&word](const CommandRow& known) { return word == known.word; });
+    if (found == kCommandTable.end() || !found->of(target).contains(arguments))
         throw std::runtime_error("Bad format for command. Incorrect arguments received for: " + word);
     return found->code;
 }
@@ -100,9 +51,9 @@ Commands::Commands(const std::string& line) {
     command_ = identifyCommand(fields[3], target_, arguments_.size());
 }
 
-int Commands::identifyTarget(const std::string& word) {
+Commands::Target Commands::identifyTarget(const std::string& word) {
     const auto* const found = std::find(kTargetWords.begin(), kTargetWords.end(), word);
-    return static_cast<int>(found - kTargetWords.begin());
+    return static_cast<Target>(found - kTargetWords.begin());
 }
 
 std::string Commands::wordOf(Target target) {
@@ -110,15 +61,12 @@ std::string Commands::wordOf(Target target) {
 }
 
 std::string Commands::wordOf(Command command) {
-    const auto* const found =
-        std::find_if(kCommandWords.begin(), kCommandWords.end(),
-                     [command](const CommandWord& known) { return command == known.code; });
-    return found == kCommandWords.end() ? std::string() : found->word;
+    return rowOf(kCommandTable, command).word;
 }
 
 std::string Commands::toMessage() const {
-    std::string message = firstHeader_ + '\t' + secondHeader_ + '\t' + wordOf(static_cast<Target>(target_)) +
-                          '\t' + wordOf(static_cast<Command>(command_));
+    std::string message =
+        firstHeader_ + '\t' + secondHeader_ + '\t' + wordOf(target_) + '\t' + wordOf(command_);
     for (const std::string& argument : arguments_)
         message += '\t' + argument;
     debugTrace("Commands::toMessage() :" + message);

@@ -11,7 +11,7 @@ constexpr const char* kNoAddressesOption = "CA-CB_compliant";
 /// One request line: two opaque header fields, a target, a command and its arguments, separated by TABs.
 class Commands {
   public:
-    /// The numbers are the interface.
+    /// The numbers are the interface. Every command has a row in channel/CommandTable.h.
     enum Target : int {
         TargetServer = 0,
         TargetCA = 1,
@@ -42,6 +42,7 @@ class Commands {
         CommandGetCsrInfo = 19,
         CommandGetCertInfo = 20,
         CommandGetCsrTimestamp = 21,
+        CommandEnd,  ///< no command: one more than the last, which stands above
     };
 
     /// No command at all.
@@ -51,7 +52,7 @@ class Commands {
     explicit Commands(const std::string& line);
 
     /// TargetNone for an unknown word.
-    [[nodiscard]] static int identifyTarget(const std::string& word);
+    [[nodiscard]] static Target identifyTarget(const std::string& word);
 
     /// How a request names them; nothing for TargetNone and CommandNone.
     [[nodiscard]] static std::string wordOf(Target target);
@@ -60,8 +61,8 @@ class Commands {
     /// The line again.
     [[nodiscard]] std::string toMessage() const;
 
-    [[nodiscard]] int getTarget() const { return target_; }
-    [[nodiscard]] int getCommand() const { return command_; }
+    [[nodiscard]] Target getTarget() const { return target_; }
+    [[nodiscard]] Command getCommand() const { return command_; }
     [[nodiscard]] const std::vector<std::string>& getArguments() const { return arguments_; }
     [[nodiscard]] const std::string& getFirstHeader() const { return firstHeader_; }
     [[nodiscard]] const std::string& getSecondHeader() const { return secondHeader_; }
@@ -69,8 +70,8 @@ class Commands {
   private:
     std::string firstHeader_;
     std::string secondHeader_;
-    int target_ = TargetNone;
-    int command_ = CommandNone;
+    Target target_ = TargetNone;
+    Command command_ = CommandNone;
     std::vector<std::string> arguments_;
 };
 

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "channel/Answer.h"
+#include "channel/Commands.h"
 #include "channel/PipeFiles.h"
 #include "config/ServiceConfiguration.h"
 #include "service/TimerControl.h"
@@ -29,7 +30,6 @@ class PipesNotMade : public KeywardenDaemonException {
 };
 
 class CertificateAuthority;
-class Commands;
 class ExternalCertificatesStorage;
 class FifoReader;
 class Server;
@@ -156,16 +156,25 @@ class Service : public ServiceConfiguration {
     void respond(int code, const std::string& text, std::int64_t patienceMilliseconds) const;
     void releaseRequesterLock() const;
 
+    /// What is done for which command (ServiceDispatch.cpp).
+    struct Handlers;
+    [[nodiscard]] static const Handlers& handlersOf(Commands::Command command);
+
     [[nodiscard]] std::optional<Answer> dispatch(const Commands& command);
     [[nodiscard]] std::optional<Answer> execConfig(const Commands& command);
+    [[nodiscard]] std::optional<Answer> tellStatus();
+    [[nodiscard]] std::optional<Answer> startReload();
     [[nodiscard]] Answer execServer(const Commands& command);
+    [[nodiscard]] Answer describeRequest(const Commands& command);
+    [[nodiscard]] Answer describeFile(const Commands& command);
     [[nodiscard]] Answer createCsr(const Commands& command);
     [[nodiscard]] Answer applyCrt(const Commands& command);
-    [[nodiscard]] Answer revokeServer();
-    [[nodiscard]] Answer addTo(ExternalCertificatesStorage& store, const std::string& path);
-    [[nodiscard]] Answer revokeFrom(ExternalCertificatesStorage& store, const std::vector<std::string>& ids);
+    [[nodiscard]] Answer revokeServer(const Commands& command);
     [[nodiscard]] Answer execStore(const Commands& command, ExternalCertificatesStorage* store,
                                    const std::string& missing, const std::string& badCommand);
+    [[nodiscard]] Answer addTo(const Commands& command, ExternalCertificatesStorage& store);
+    [[nodiscard]] Answer revokeFrom(const Commands& command, ExternalCertificatesStorage& store);
+    [[nodiscard]] Answer describeStored(const Commands& command, ExternalCertificatesStorage& store);
 
     [[nodiscard]] std::string pipesDirectory() const;
     [[nodiscard]] std::string inputName() const { return inputFifoOf(getServiceId()); }

@@ -1,8 +1,9 @@
 // Which request does what.
 #include <algorithm>
+#include <array>
 
 #include "callbacks/ServiceCallbacks.h"
-#include "channel/Commands.h"
+#include "channel/CommandTable.h"
 #include "network/NetworkConfiguration.h"
 #include "server/Server.h"
 #include "service/Service.h"
@@ -23,6 +24,19 @@ Answer logged(AnswerCode code, const std::string& text) {
     return {code, text};
 }
 
+// Whether the channel lets a request through to every handler.
+template <typename Table>
+constexpr bool canBeAskedFor(const Table& table) {
+    for (const auto& handlers : table) {
+        const CommandRow& row = rowOf(kCommandTable, handlers.code);
+        if ((handlers.server != nullptr && row.server.isEmpty()) ||
+            (handlers.store != nullptr && row.store.isEmpty()) ||
+            (handlers.config != nullptr && row.config.isEmpty()))
+            return false;
+    }
+    return true;
+}
+
 const std::string& firstArgument(const Commands& command, const std::string& missing) {
     if (command.getArguments().empty())
         throw KeywardenDaemonException(missing);
@@ -30,6 +44,47 @@ const std::string& firstArgument(const Commands& command, const std::string& mis
 }
 
 }  // namespace
+
+/// What a service does for a command that it is asked for with a target; nothing where the command is
+/// answered as a bad one of that target.
+struct Service::Handlers {
+    Commands::Command code;
+    Answer (Service::*server)(const Commands& command);
+    Answer (Service::*store)(const Commands& command, ExternalCertificatesStorage& store);
+    /// Without an answer where that comes later.
+    std::optional<Answer> (Service::*config)();
+};
+
+const Service::Handlers& Service::handlersOf(Commands::Command command) {
+    // Code, and what is done for "server", for "ca" and "client", and for "config".
+    static constexpr std::array<Handlers, Commands::CommandEnd> table{{
+        {Commands::CommandReload, nullptr, nullptr, &Service::startReload},
+        {Commands::CommandHelp, nullptr, nullptr, nullptr},
+        {Commands::CommandGetCsr, nullptr, nullptr, nullptr},
+        {Commands::CommandCreateCsr, &Service::createCsr, nullptr, nullptr},
+        {Commands::CommandCreateCrt, nullptr, nullptr, nullptr},
+        {Commands::CommandApplyCrt, &Service::applyCrt, nullptr, nullptr},
+        {Commands::CommandRevoke, &Service::revokeServer, &Service::revokeFrom, nullptr},
+        {Commands::CommandList, nullptr, nullptr, nullptr},
+        {Commands::CommandAdd, nullptr, &Service::addTo, nullptr},
+        {Commands::CommandInfo, nullptr, nullptr, nullptr},
+        {Commands::CommandDetails, nullptr, nullptr, nullptr},
+        {Commands::CommandPath, nullptr, nullptr, nullptr},
+        {Commands::CommandGetKey, nullptr, nullptr, nullptr},
+        {Commands::CommandGetCert, nullptr, nullptr, nullptr},
+        {Commands::CommandNone, nullptr, nullptr, nullptr},
+        {Commands::CommandGetOverwrittenData, nullptr, nullptr, nullptr},
+        {Commands::CommandSetOverwrittenData, nullptr, nullptr, nullptr},
+        {Commands::CommandListByCN, nullptr, nullptr, nullptr},
+        {Commands::CommandStatus, nullptr, nullptr, &Service::tellStatus},
+        {Commands::CommandGetCsrInfo, &Service::describeRequest, nullptr, nullptr},
+        {Commands::CommandGetCertInfo, &Service::describeFile, &Service::describeStored, nullptr},
+        {Commands::CommandGetCsrTimestamp, nullptr, nullptr, nullptr},
+    }};
+    static_assert(hasEveryCommand(table));
+    static_assert(canBeAskedFor(table));
+    return rowOf(table, command);
+}
 
 std::optional<Answer> Service::execCmd(Commands& command) {
     Log::open();
@@ -50,7 +105,7 @@ std::optional<Answer> Service::execCmd(Commands& command) {
 }
 
 std::optional<Answer> Service::dispatch(const Commands& command) {
-    const int target = command.getTarget();
+    const Commands::Target target = command.getTarget();
     if (!loaded_ && target != Commands::TargetConfig)
         return Answer{AnswerNotPossible, "The service is not running."};
     switch (target) {
@@ -65,44 +120,44 @@ std::optional<Answer> Service::dispatch(const Commands& command) {
             return execStore(command, trustedClients_.get(),
                              "Trusted certificate doesn't exist for " + getServiceId(),
                              "Bad Command Trusted certificate");
-        default:
-            return Answer{AnswerBadCommand, "Command error"};
+        case Commands::TargetNone:
+            break;
     }
+    return Answer{AnswerBadCommand, "Command error"};
 }
 
 std::optional<Answer> Service::execConfig(const Commands& command) {
-    switch (command.getCommand()) {
-        case Commands::CommandStatus:
-            return Answer{AnswerSuccess, loaded_ ? kRunningText : kStoppedText};
-        case Commands::CommandReload:
-            if (!loaded_)
-                return logged(AnswerNotPossible, "Not able to reload the service-" + getServiceId());
-            reloadFunc();
-            return std::nullopt;
-        default:
-            return Answer{AnswerBadCommand, "Bad Command config"};
-    }
+    const auto handler = handlersOf(command.getCommand()).config;
+    return handler != nullptr ? (this->*handler)() : Answer{AnswerBadCommand, "Bad Command config"};
+}
+
+std::optional<Answer> Service::tellStatus() {
+    return Answer{AnswerSuccess, loaded_ ? kRunningText : kStoppedText};
+}
+
+std::optional<Answer> Service::startReload() {
+    if (!loaded_)
+        return logged(AnswerNotPossible, "Not able to reload the service-" + getServiceId());
+    reloadFunc();
+    return std::nullopt;
 }
 
 Answer Service::execServer(const Commands& command) {
     if (!server_)
         return logged(AnswerNotPossible, "Server doesn't exist for " + getServiceId());
-    switch (command.getCommand()) {
-        case Commands::CommandCreateCsr:
-            return createCsr(command);
-        case Commands::CommandApplyCrt:
-            return applyCrt(command);
-        case Commands::CommandRevoke:
-            return revokeServer();
-        case Commands::CommandGetCsrInfo:
-            return {AnswerSuccess, server_->getCsrInfo()};
-        case Commands::CommandGetCertInfo:
-            return {AnswerSuccess,
-                    server_->getCertInfo(firstArgument(command, "The path of the certificate is missing."))};
-        default:
-            Log::write(SeverityError, "Bad command server for service: " + getServiceId());
-            return {AnswerBadCommand, "Bad Command server"};
-    }
+    if (const auto handler = handlersOf(command.getCommand()).server)
+        return (this->*handler)(command);
+    Log::write(SeverityError, "Bad command server for service: " + getServiceId());
+    return {AnswerBadCommand, "Bad Command server"};
+}
+
+Answer Service::describeRequest(const Commands& /*command*/) {
+    return {AnswerSuccess, server_->getCsrInfo()};
+}
+
+Answer Service::describeFile(const Commands& command) {
+    return {AnswerSuccess,
+            server_->getCertInfo(firstArgument(command, "The path of the certificate is missing."))};
 }
 
 Answer Service::createCsr(const Commands& command) {
@@ -124,7 +179,7 @@ Answer Service::applyCrt(const Commands& command) {
     return {};
 }
 
-Answer Service::revokeServer() {
+Answer Service::revokeServer(const Commands& /*command*/) {
     const std::string service = "for service '" + getServiceId() + "'";
     if (server_->isCASignedGeneration()) {
         Log::write(SeverityNotice,
@@ -149,12 +204,12 @@ Answer Service::revokeServer() {
     return {};
 }
 
-Answer Service::addTo(ExternalCertificatesStorage& store, const std::string& path) {
+Answer Service::addTo(const Commands& command, ExternalCertificatesStorage& store) {
     tellAgain(&store);
     const bool isOnly = store.toBeTold().empty();
     std::string id;
     try {
-        id = store.add(path);
+        id = store.add(command.getArguments().front());
     } catch (...) {
         // It may lie in the store all the same.
         tellAgain(&store);
@@ -164,12 +219,12 @@ Answer Service::addTo(ExternalCertificatesStorage& store, const std::string& pat
     return {AnswerSuccess, id};
 }
 
-Answer Service::revokeFrom(ExternalCertificatesStorage& store, const std::vector<std::string>& ids) {
+Answer Service::revokeFrom(const Commands& command, ExternalCertificatesStorage& store) {
     tellAgain(&store);
     const bool isOnly = store.toBeTold().empty();
     CertificateIdList revoked;
     try {
-        revoked = store.revoke(ids);
+        revoked = store.revoke(command.getArguments());
     } catch (...) {
         // Some may be gone all the same.
         tellAgain(&store);
@@ -186,17 +241,13 @@ Answer Service::execStore(const Commands& command, ExternalCertificatesStorage* 
     // Answered alone, unlike a missing server.
     if (store == nullptr)
         return {AnswerNotPossible, missing};
-    switch (command.getCommand()) {
-        case Commands::CommandAdd:
-            return addTo(*store, command.getArguments().front());
-        case Commands::CommandGetCertInfo:
-            return {AnswerSuccess,
-                    store->getCertInfo(firstArgument(command, "The id of the certificate is missing."))};
-        case Commands::CommandRevoke:
-            return revokeFrom(*store, command.getArguments());
-        default:
-            return {AnswerBadCommand, badCommand};
-    }
+    const auto handler = handlersOf(command.getCommand()).store;
+    return handler != nullptr ? (this->*handler)(command, *store) : Answer{AnswerBadCommand, badCommand};
+}
+
+Answer Service::describeStored(const Commands& command, ExternalCertificatesStorage& store) {
+    return {AnswerSuccess,
+            store.getCertInfo(firstArgument(command, "The id of the certificate is missing."))};
 }
 
 }  // namespace keywarden
