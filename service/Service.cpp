@@ -2,15 +2,12 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <new>
-#include <optional>
 #include <stdexcept>
 
 #include "callbacks/BinaryServiceCallbacks.h"
 #include "callbacks/Delivery.h"
 #include "callbacks/LibraryWrapperServiceCallbacks.h"
-#include "channel/PipeFiles.h"
 #include "config/DaemonConfiguration.h"
 #include "server/Server.h"
 #include "stores/CertificateAuthority.h"
@@ -18,7 +15,6 @@
 #include "support/Cancellation.h"
 #include "support/Debug.h"
 #include "support/Failure.h"
-#include "support/FileWriteError.h"
 #include "support/KeywardenDaemonException.h"
 #include "support/Log.h"
 #include "support/ShortThread.h"
@@ -34,12 +30,15 @@ constexpr unsigned kServiceDirectoryMode = 0711;
 
 }  // namespace
 
-Service::Service(const std::string& serviceId) : ServiceConfiguration(serviceId) {
+Service::Service(const std::string& serviceId)
+    : ServiceConfiguration(serviceId),
+      timer_(*this, serviceMutex_, retry_, [this] { checkAtTimer(); }),
+      channel_(*this, serviceMutex_, retry_, [this](Commands& command) { return execCmd(command); }) {
     try {
         load();
     } catch (...) {
         const Failure failure = Failure::current();
-        removePipes(Stop::ForGood);
+        channel_.removeFiles(Stop::ForGood);
         throw KeywardenDaemonException(
             failure.message("Std exception during loading service object for service-" + serviceId + ": ",
                             "Unknown exception during loading service object for service-" + serviceId));
@@ -52,7 +51,7 @@ Service::~Service() {
         const std::lock_guard<std::mutex> guard(serviceMutex_);
         ending_ = true;
     }
-    endingBegins_.notify_all();
+    retry_.end();
     endReloadThread();
     if (loaded_)
         unloadAtTheEnd();
@@ -69,16 +68,16 @@ void Service::unloadAtTheEnd() {
         Log::write(SeverityError, "Exception while stopping the service " + getServiceId() + ": " +
                                       Failure::current().text());
         timer_.end();
-        removePipes(Stop::ForGood);
+        channel_.removeFiles(Stop::ForGood);
     }
 }
 
 void Service::stopThreads() {
     stopTimer();
     timer_.end();
-    if (readerThread_ != 0)
+    if (channel_.isRead())
         stopHandler();
-    removePipes(Stop::ForGood);
+    channel_.removeFiles(Stop::ForGood);
 }
 
 void Service::load() {
@@ -86,7 +85,7 @@ void Service::load() {
         return;
     Log::write(SeverityNotice, "The service " + getServiceId() + " is starting...");
     loadCallbacks();
-    preparePipesDirectory();
+    channel_.makeFolder();
     checkServiceConfig();
     checkServiceDirectory();
     loadStores();
@@ -105,18 +104,6 @@ void Service::loadCallbacks() {
         callbacks_ = std::make_shared<LibraryWrapperServiceCallbacks>(getServiceId(), getCallbackLibrary());
     else
         throw std::runtime_error("No callbacks to load");
-}
-
-// Only root and the daemon user can have put something else in its place.
-void Service::preparePipesDirectory() {
-    const std::string root = DaemonConfiguration::getNamePipesDirectory();
-    pipes_ = Folder::at(root, Folder::Owner::Anybody)->makeAnyway(getServiceId(), kPipesFolderMode);
-    // A daemon user who is no member may not give the group away; the check that follows says so by name.
-    try {
-        pipes_->setGroup(getManagementGroup());
-    } catch (...) {
-        Log::write(SeverityError, Failure::current().text());
-    }
 }
 
 void Service::checkServiceConfig() const {
@@ -184,7 +171,7 @@ void Service::unload() {
 void Service::unload(Stop stop) {
     Log::write(SeverityNotice, "The service " + getServiceId() + " is stopping...");
     stopTimer();
-    stopHandler(stop);
+    channel_.stop(stop);
     {
         // A network or time notification may still be at work on this service.
         const std::lock_guard<std::mutex> guard(serviceMutex_);
@@ -194,12 +181,12 @@ void Service::unload(Stop stop) {
         // Such a notification may have started the timer again; from here on none does.
         // A reload keeps the thread: there may be no other one to be had.
         if (stop == Stop::ForReload)
-            timer_.stop();
+            timer_.park();
         else
             timer_.end();
         releaseObjects();
     }
-    removePipes(stop);
+    channel_.removeFiles(stop);
     Log::write(SeverityNotice, "The service " + getServiceId() + " is stopped.");
 }
 
@@ -208,27 +195,6 @@ void Service::releaseObjects() {
     trustedClients_.reset();
     server_.reset();
     callbacks_.reset();
-}
-
-void Service::removePipes(Stop stop) {
-    std::optional<std::string> left;
-    if (stop == Stop::ForGood)
-        left = removePipesFolder() ? std::make_optional(pipesDirectory()) : std::nullopt;
-    else if (pipes_)
-        left = pipes_->empty({outputName(), lockName()});
-    if (left)
-        Log::write(SeverityNotice, "Failed to remove file '" + *left + "' for service-" + getServiceId());
-}
-
-// Returns what could not be removed.
-std::optional<std::string> Service::removePipesFolder() {
-    pipes_.reset();
-    try {
-        return Folder::at(DaemonConfiguration::getNamePipesDirectory(), Folder::Owner::Anybody)
-            ->removeTree(getServiceId());
-    } catch (const FileWriteError& error) {
-        return error.errorNumber() == ENOENT ? std::nullopt : std::make_optional(pipesDirectory());
-    }
 }
 
 void Service::reload() {
@@ -241,8 +207,8 @@ void Service::reload() {
             ServiceConfiguration::reload();
             load();
         }
-        initTimer(Attempts::Endless);
-        startHandler(Stop::ForReload, Attempts::Endless);
+        timer_.init(Retry::Attempts::Endless);
+        channel_.start(Stop::ForReload, Retry::Attempts::Endless);
         Log::write(SeverityNotice, "The service " + id + " is reloaded.");
     } catch (...) {
         const Failure failure = Failure::current();
@@ -250,7 +216,7 @@ void Service::reload() {
             // A network or time notification that is at work on the service starts the timer under the mutex.
             const std::lock_guard<std::mutex> guard(serviceMutex_);
             loaded_ = false;
-            timer_.stop();
+            timer_.park();
         }
         Log::write(SeverityError,
                    failure.runtimeMessage("Runtime error caught while reloading service-'" + id + "': ",
@@ -273,8 +239,8 @@ Answer Service::reloadForRequester() {
     }
     // Before the answer: whoever has it may ask for the status at once.
     try {
-        if (readerThread_ == 0)
-            startHandler(Stop::ForReload, Attempts::One);
+        if (!channel_.isRead())
+            channel_.start(Stop::ForReload, Retry::Attempts::One);
     } catch (...) {
         Log::write(SeverityError, Failure::current().text());
     }
@@ -312,8 +278,8 @@ void* Service::threadReloadFunc(void* service) {
              [self, &answer] { runInShortThread([self, &answer] { answer = self->reloadForRequester(); }); });
     // Before the answer: whoever has it may ask again at once.
     self->reloadRuns_ = false;
-    self->sendResponse(answer.code, answer.text);
-    self->listenAfterAll();
+    self->channel_.answer(answer.code, answer.text);
+    self->channel_.listenAfterAll();
     // The rest of the stack stays until this thread is joined, which may be days later.
     ThreadStack::giveBackUnused();
     return nullptr;
@@ -381,22 +347,6 @@ void Service::tell(ExternalCertificatesStorage& store, bool isOnly,
     }
     if (isOnly && wasDelivered(*callbacks_))
         store.told();
-}
-
-std::string Service::pipesDirectory() const {
-    return DaemonConfiguration::getNamePipesDirectory() + "/" + getServiceId();
-}
-
-std::string Service::inputPath() const {
-    return pipesDirectory() + "/" + inputName();
-}
-
-std::string Service::outputPath() const {
-    return pipesDirectory() + "/" + outputName();
-}
-
-std::string Service::lockPath() const {
-    return pipesDirectory() + "/" + lockName();
 }
 
 }  // namespace keywarden

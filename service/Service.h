@@ -3,7 +3,6 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -14,30 +13,22 @@
 
 #include "channel/Answer.h"
 #include "channel/Commands.h"
-#include "channel/PipeFiles.h"
 #include "config/ServiceConfiguration.h"
-#include "service/TimerControl.h"
-#include "support/Folder.h"
-#include "support/KeywardenDaemonException.h"
+#include "service/Retry.h"
+#include "service/ServiceChannel.h"
+#include "service/ServiceTimer.h"
 
 namespace keywarden {
 
-/// What may be the doing of the service's group, who share the folder of the pipe files: no reason to end the
-/// daemon.
-class PipesNotMade : public KeywardenDaemonException {
-  public:
-    using KeywardenDaemonException::KeywardenDaemonException;
-};
-
 class CertificateAuthority;
 class ExternalCertificatesStorage;
-class FifoReader;
 class Server;
 class ServiceCallbacks;
 class TrustedCertificate;
 
-/// One managed service: its configuration, its certificates, its owner's callbacks, its daily expiry timer
-/// and its command channel.
+/// One managed service: its configuration, its certificates, its owner's callbacks, and what is done with
+/// them: by its daily expiry timer (ServiceTimer.h), for the requests that come through its command channel
+/// (ServiceChannel.h), at a notification and at a reload.
 ///
 /// Locks: the service mutex is held by whoever works on the certificates; the timer control, a leaf, by
 /// whoever starts or stops the timer. A thread that holds the service mutex may stop the timer, which then
@@ -66,44 +57,33 @@ class Service : public ServiceConfiguration {
     void networkChanged();
     void timeChanged();
 
-    // Timer (ServiceTimer.cpp).
+    // Timer.
     /// Starts the timer of a service with a server; waits a moment for a thread when there is none.
-    void initTimer();
+    void initTimer() { timer_.init(Retry::Attempts::Few); }
     /// Throws KeywardenDaemonException when there is no thread to be had. Only the first start needs one.
-    void startTimer();
-    void stopTimer();
+    void startTimer() { timer_.start(Retry::Attempts::One); }
+    void stopTimer() { timer_.stop(); }
     /// Seconds from `now` (since the epoch) to the next daily check, which is due `offset` seconds before
     /// midnight UTC.
-    [[nodiscard]] static std::int64_t secondsUntilCheck(std::int64_t now, std::uint32_t offset);
+    [[nodiscard]] static std::int64_t secondsUntilCheck(std::int64_t now, std::uint32_t offset) {
+        return ServiceTimer::secondsUntilCheck(now, offset);
+    }
 
-    // Command channel (ServiceChannel.cpp) and dispatch (ServiceDispatch.cpp).
+    // Command channel, and dispatch (ServiceDispatch.cpp).
     /// Throws KeywardenDaemonException; PipesNotMade when it is the pipe files that cannot be made.
-    void startHandler();
+    void startHandler() { channel_.start(Stop::ForGood, Retry::Attempts::Few); }
     /// After that: the reader's own thread makes them as soon as that is possible. Throws when there is no
     /// thread.
-    void startHandlerLater();
-    void stopHandler();
-    void sendResponse(int code, const std::string& text) const;
+    void startHandlerLater() { channel_.startLater(); }
+    void stopHandler() { channel_.stop(Stop::ForGood); }
+    void sendResponse(int code, const std::string& text) const { channel_.answer(code, text); }
     /// Runs one command; the service mutex is held. Nothing when the answer comes later (a reload).
     std::optional<Answer> execCmd(Commands& command);
 
   private:
-    /// Why a handler stops: at a reload the requester still waits for its answer, so its output fifo and the
-    /// lock it holds stay.
-    enum class Stop { ForGood, ForReload };
-
-    /// How often a thread is asked for when there is none to be had, with growing pauses: Few takes a second
-    /// or two, Endless is as long as the service lives.
-    enum class Attempts { One, Few, Endless };
-
-    struct Request {
-        std::string text;
-        bool overdue = false;  ///< its writer was given up before it had ended
-        bool isLost = false;   ///< there was no memory for it
-    };
+    using Stop = ServiceChannel::Stop;
 
     void loadCallbacks();
-    void preparePipesDirectory();
     void checkServiceConfig() const;
     void checkServiceDirectory() const;
     void requireMembership(const std::string& group, const std::string& ending) const;
@@ -113,8 +93,6 @@ class Service : public ServiceConfiguration {
     void unloadAtTheEnd();
     void stopThreads();
     void releaseObjects();
-    void removePipes(Stop stop);
-    std::optional<std::string> removePipesFolder();
     void tellAgain();
     void tellAgain(ExternalCertificatesStorage* store);
     /// Whether the owner has it.
@@ -127,34 +105,7 @@ class Service : public ServiceConfiguration {
 
     void renewForNetwork();
     void checkAndStartTimer();
-    void restartTimer();
-    void startTimerAgain();
-
-    void initTimer(Attempts attempts);
-    void startTimer(Attempts attempts);
-    static void* timer(void* service);
-    void runTimer();
     void checkAtTimer();
-
-    void startHandler(Stop before, Attempts attempts);
-    void stopHandler(Stop stop);
-    void makePipes(Stop before);
-    void makeInputFifo();
-    void makeLockFile() const;
-    void startReader(Attempts attempts, void* (*body)(void*));
-    void listenAfterAll();
-    /// Waits between the attempts, each failure of which is logged; false when the last one failed too.
-    [[nodiscard]] bool succeeds(const std::function<bool()>& attempt, Attempts attempts,
-                                const std::string& failure);
-    [[noreturn]] static void* commandLineAnalyser(void* service);
-    [[noreturn]] static void* pipesMaker(void* service);
-    [[noreturn]] void keepReading();
-    void readRequests();
-    [[nodiscard]] bool readRequest(FifoReader& reader, Request& request) const;
-    void answerRequest(const Request& request);
-    [[nodiscard]] std::optional<Answer> processRequest(const Request& request);
-    void respond(int code, const std::string& text, std::int64_t patienceMilliseconds) const;
-    void releaseRequesterLock() const;
 
     /// What is done for which command (ServiceDispatch.cpp).
     struct Handlers;
@@ -176,30 +127,18 @@ class Service : public ServiceConfiguration {
     [[nodiscard]] Answer revokeFrom(const Commands& command, ExternalCertificatesStorage& store);
     [[nodiscard]] Answer describeStored(const Commands& command, ExternalCertificatesStorage& store);
 
-    [[nodiscard]] std::string pipesDirectory() const;
-    [[nodiscard]] std::string inputName() const { return inputFifoOf(getServiceId()); }
-    [[nodiscard]] std::string outputName() const { return outputFifoOf(getServiceId()); }
-    [[nodiscard]] std::string lockName() const { return requesterLockOf(getServiceId()); }
-    [[nodiscard]] std::string inputPath() const;
-    [[nodiscard]] std::string outputPath() const;
-    [[nodiscard]] std::string lockPath() const;
-
     std::atomic<bool> loaded_{false};
-    /// The service's pipes folder, which its management group may write: held open while the service has one,
-    /// so that nothing there is reached by a path.
-    FolderPtr pipes_;
     std::shared_ptr<ServiceCallbacks> callbacks_;
     std::unique_ptr<Server> server_;
     std::unique_ptr<TrustedCertificate> trustedClients_;
     std::unique_ptr<CertificateAuthority> caStore_;
     std::mutex serviceMutex_;
-    TimerControl timer_;
-    // 0: no thread.
-    pthread_t readerThread_ = 0;
-    pthread_t reloadThread_ = 0;
+    Retry retry_;
+    ServiceTimer timer_;
+    ServiceChannel channel_;
+    pthread_t reloadThread_ = 0;  // 0: no thread
     std::atomic<bool> reloadRuns_{false};
     bool ending_ = false;  ///< being destroyed; guarded by the service mutex
-    std::condition_variable endingBegins_;
 };
 
 }  // namespace keywarden

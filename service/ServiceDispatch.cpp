@@ -174,7 +174,7 @@ Answer Service::createCsr(const Commands& command) {
 
 Answer Service::applyCrt(const Commands& command) {
     server_->applyCrt(command.getArguments().front());
-    restartTimer();
+    timer_.restart();
     Log::write(SeverityNotice, "Apply CRT request received for service: " + getServiceId());
     return {};
 }
@@ -198,7 +198,7 @@ Answer Service::revokeServer(const Commands& /*command*/) {
     }
     stopTimer();
     debugTrace("Stop timer success.");
-    startTimerAgain();
+    timer_.startAgain();
     debugTrace("Start timer success.");
     Log::write(SeverityNotice, "Revoke request processed for service: " + getServiceId());
     return {};

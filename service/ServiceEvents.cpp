@@ -1,6 +1,7 @@
-// What a service does when the network or the clock has changed.
+// What a service does every day, and when the network or the clock has changed.
 #include "server/Server.h"
 #include "service/Service.h"
+#include "support/Failure.h"
 #include "support/Log.h"
 
 namespace keywarden {
@@ -37,7 +38,7 @@ void Service::renewForNetwork() {
         return;
     }
     // The next daily check is computed afresh.
-    restartTimer();
+    timer_.restart();
 }
 
 void Service::timeChanged() {
@@ -64,10 +65,24 @@ void Service::checkAndStartTimer() {
         server_->checkTimeValidity();
     } catch (...) {
         // The daemon may go on after the failure, and then so does the daily check.
-        startTimerAgain();
+        timer_.startAgain();
         throw;
     }
-    startTimerAgain();
+    timer_.startAgain();
+}
+
+void Service::checkAtTimer() {
+    try {
+        if (server_)
+            server_->checkTimeValidity();
+        if (callbacks_)
+            tellAgain();
+    } catch (...) {
+        const Failure failure = Failure::current();
+        const std::string text = failure.textOrNothing();
+        Log::write(SeverityError, "Daemon exception during timer thread execution for service '" +
+                                      getServiceId() + "'" + (text.empty() ? "Unknown" : text));
+    }
 }
 
 }  // namespace keywarden

@@ -1,9 +1,8 @@
-// The daily expiry check.
-#include "server/Server.h"
-#include "service/Service.h"
+#include "service/ServiceTimer.h"
+
+#include "config/ServiceConfiguration.h"
 #include "support/Cancellation.h"
 #include "support/Clock.h"
-#include "support/Failure.h"
 #include "support/KeywardenDaemonException.h"
 #include "support/Log.h"
 #include "support/ShortThread.h"
@@ -17,91 +16,84 @@ constexpr std::int64_t kSecondsPerDay = 86400;
 
 }  // namespace
 
-void Service::initTimer() {
-    initTimer(Attempts::Few);
-}
+ServiceTimer::ServiceTimer(const ServiceConfiguration& configuration, std::mutex& serviceMutex, Retry& retry,
+                           std::function<void()> check)
+    : configuration_(configuration), serviceMutex_(serviceMutex), retry_(retry), check_(std::move(check)) {}
 
-void Service::initTimer(Attempts attempts) {
-    if (isServer())
-        startTimer(attempts);
+void ServiceTimer::init(Retry::Attempts attempts) {
+    if (configuration_.isServer())
+        start(attempts);
     else
-        timer_.end();
+        end();
 }
 
-void Service::startTimer() {
-    startTimer(Attempts::One);
-}
-
-void Service::startTimer(Attempts attempts) {
-    const std::string starting = "The service " + getServiceId() + " is starting his timer...";
-    const std::string failure = "Impossible to start the timer for the service " + getServiceId();
+void ServiceTimer::start(Retry::Attempts attempts) {
+    const std::string& id = configuration_.getServiceId();
+    const std::string starting = "The service " + id + " is starting his timer...";
+    const std::string failure = "Impossible to start the timer for the service " + id;
     Log::write(SeverityInfo, starting);
     TimerControl::Started started = TimerControl::Started::Impossible;
     const auto attempt = [&] {
-        started = timer_.start(timer, this);
+        started = control_.start(body, this);
         return started != TimerControl::Started::Impossible;
     };
-    if (!succeeds(attempt, attempts, failure))
+    if (!retry_.succeeds(attempt, attempts, failure))
         throw KeywardenDaemonException(failure);
     Log::write(SeverityInfo, started == TimerControl::Started::Before
                                  ? starting + " already running."
-                                 : "The service " + getServiceId() + " started his timer.");
+                                 : "The service " + id + " started his timer.");
 }
 
 // A restart finds the thread of the first start. Where there is none yet a reload is waiting for it: that is
 // no failure of what asks for the restart.
-void Service::startTimerAgain() {
+void ServiceTimer::startAgain() {
     try {
-        startTimer();
+        start(Retry::Attempts::One);
     } catch (const KeywardenDaemonException& error) {
         Log::write(SeverityError, error.what());
     }
 }
 
-void Service::restartTimer() {
-    stopTimer();
-    startTimerAgain();
+void ServiceTimer::restart() {
+    stop();
+    startAgain();
 }
 
-void Service::stopTimer() {
-    Log::write(SeverityInfo, "The service " + getServiceId() + " is stopping its timer...");
-    if (timer_.stop())
-        Log::write(SeverityInfo, "The service " + getServiceId() + " stopped its timer.");
+void ServiceTimer::stop() {
+    const std::string& id = configuration_.getServiceId();
+    Log::write(SeverityInfo, "The service " + id + " is stopping its timer...");
+    if (control_.stop())
+        Log::write(SeverityInfo, "The service " + id + " stopped its timer.");
 }
 
-std::int64_t Service::secondsUntilCheck(std::int64_t now, std::uint32_t offset) {
+void ServiceTimer::park() {
+    control_.stop();
+}
+
+void ServiceTimer::end() {
+    control_.end();
+}
+
+std::int64_t ServiceTimer::secondsUntilCheck(std::int64_t now, std::uint32_t offset) {
     const std::int64_t wait = kSecondsPerDay - now % kSecondsPerDay - static_cast<std::int64_t>(offset);
     return wait > 0 ? wait : wait + kSecondsPerDay;
 }
 
-void* Service::timer(void* service) {
+void* ServiceTimer::body(void* timer) {
     Cancellation::prepareThread();
-    static_cast<Service*>(service)->runTimer();
+    static_cast<ServiceTimer*>(timer)->run();
     return nullptr;
 }
 
-void Service::runTimer() {
+void ServiceTimer::run() {
     for (;;) {
-        timer_.waitForStart();
-        const std::int64_t wait = secondsUntilCheck(Clock::now(), getCertDailyExpiryChkTimeOffsetSecs());
-        if (!timer_.sleep(wait * 1000) || !isServer() || !timer_.lock(serviceMutex_))
+        control_.waitForStart();
+        const std::uint32_t offset = configuration_.getCertDailyExpiryChkTimeOffsetSecs();
+        const std::int64_t wait = secondsUntilCheck(Clock::now(), offset);
+        if (!control_.sleep(wait * 1000) || !configuration_.isServer() || !control_.lock(serviceMutex_))
             continue;
         const std::lock_guard<std::mutex> guard(serviceMutex_, std::adopt_lock);
-        survives("The daily check of a service", [this] { runInShortThread([this] { checkAtTimer(); }); });
-    }
-}
-
-void Service::checkAtTimer() {
-    try {
-        if (server_)
-            server_->checkTimeValidity();
-        if (callbacks_)
-            tellAgain();
-    } catch (...) {
-        const Failure failure = Failure::current();
-        const std::string text = failure.textOrNothing();
-        Log::write(SeverityError, "Daemon exception during timer thread execution for service '" +
-                                      getServiceId() + "'" + (text.empty() ? "Unknown" : text));
+        survives("The daily check of a service", [this] { runInShortThread(check_); });
     }
 }
 
