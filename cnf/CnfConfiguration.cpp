@@ -12,25 +12,29 @@ std::string CnfConfiguration::isConfigPresent(const std::map<std::string, std::s
     return found == map.end() ? std::string() : found->second;
 }
 
+std::string CnfConfiguration::valueOf(const std::map<std::string, std::string>& map, const ConfigKey& key) {
+    return isConfigPresent(map, key.name());
+}
+
 void CnfConfiguration::loadConfiguration(const std::map<std::string, std::string>& map) {
     debugTrace("Contents of the configuration:");
     for (const auto& [key, value] : map) {
         debugTrace(std::string("\t'").append(key).append("' : '").append(value).append("'"));
     }
-    emailAddress_ = isConfigPresent(map, "emailAddress");
-    keyType_ = isConfigPresent(map, "CONFIG_KEY");
-    bits_ = isConfigPresent(map, "default_bits");
-    digest_ = isConfigPresent(map, "default_md");
-    subjectKeyIdentifier_ = isConfigPresent(map, "subjectKeyIdentifier");
-    basicConstraints_ = isConfigPresent(map, "basicConstraints");
-    keyUsage_ = isConfigPresent(map, "keyUsage");
-    extendedKeyUsage_ = isConfigPresent(map, "extendedKeyUsage");
-    country_ = isConfigPresent(map, "C");
-    state_ = isConfigPresent(map, "ST");
-    city_ = isConfigPresent(map, "L");
-    company_ = isConfigPresent(map, "O");
-    division_ = isConfigPresent(map, "OU");
-    commonName_ = isConfigPresent(map, "CN");
+    emailAddress_ = valueOf(map, SettingsKey::EmailAddress);
+    keyType_ = valueOf(map, SettingsKey::KeyType);
+    bits_ = valueOf(map, SettingsKey::Bits);
+    digest_ = valueOf(map, SettingsKey::Digest);
+    subjectKeyIdentifier_ = valueOf(map, SettingsKey::SubjectKeyIdentifier);
+    basicConstraints_ = valueOf(map, SettingsKey::BasicConstraints);
+    keyUsage_ = valueOf(map, SettingsKey::KeyUsage);
+    extendedKeyUsage_ = valueOf(map, SettingsKey::ExtendedKeyUsage);
+    country_ = valueOf(map, SettingsKey::Country);
+    state_ = valueOf(map, SettingsKey::State);
+    city_ = valueOf(map, SettingsKey::City);
+    company_ = valueOf(map, SettingsKey::Company);
+    division_ = valueOf(map, SettingsKey::Division);
+    commonName_ = valueOf(map, SettingsKey::CommonName);
 }
 
 kwdata::CCertificateData CnfConfiguration::getCCertificateData() const {

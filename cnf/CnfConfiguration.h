@@ -4,6 +4,7 @@
 #include <string>
 
 #include "cnf/CCertificateData.h"
+#include "config/ConfigKeys.h"
 
 namespace keywarden {
 
@@ -25,6 +26,8 @@ class CnfConfiguration {
     CnfConfiguration(const CnfConfiguration&) = default;
     CnfConfiguration& operator=(const CnfConfiguration&) = default;
 
+    /// As isConfigPresent(), for a key that there is.
+    static std::string valueOf(const std::map<std::string, std::string>& map, const ConfigKey& key);
     void loadConfiguration(const std::map<std::string, std::string>& map);
 
     std::string sourceName_;

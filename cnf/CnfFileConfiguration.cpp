@@ -48,7 +48,7 @@ CnfFileConfiguration::CnfFileConfiguration(const std::string& path) : path_(path
     sourceName_ = path;
     const std::map<std::string, std::string> settings = readSettings(path);
     loadConfiguration(settings);
-    commonNameScript_ = isConfigPresent(settings, "commonNameScript");
+    commonNameScript_ = valueOf(settings, SettingsKey::CommonNameScript);
 }
 
 std::string CnfFileConfiguration::getCN() const {

@@ -1,9 +1,9 @@
 #include "config/DaemonConfiguration.h"
 
-#include <map>
 #include <sstream>
 #include <stdexcept>
 
+#include "config/ConfigValues.h"
 #include "support/ConfigurationPath.h"
 #include "support/Debug.h"
 #include "support/Failure.h"
@@ -15,36 +15,29 @@ namespace keywarden {
 
 namespace {
 
-using ConfigMap = std::map<std::string, std::string>;
-
-ConfigMap readFile(const std::string& path) {
+ConfigValues readFile(const std::string& path) {
     try {
         std::istringstream file(readRegularFile(path, kLargestConfigurationFile));
-        return Tools::getConfigFileMap(file);
+        return ConfigValues(Tools::getConfigFileMap(file));
     } catch (const std::runtime_error& error) {
         debugTrace(error.what());
         throw std::runtime_error("Failed to open configuration file : " + path);
     }
 }
 
-std::string text(const ConfigMap& values, const std::string& key) {
-    const auto found = values.find(key);
-    return found == values.end() ? std::string() : found->second;
-}
-
-std::int64_t minimumDate(const ConfigMap& values) {
-    const auto found = values.find("minDateForGeneratingCert");
-    return found == values.end() ? 0 : std::stoll(found->second);
+// Unlike those of a service, the numbers of this file are read even from an empty value, which is none.
+std::int64_t minimumDate(const ConfigValues& values) {
+    const ConfigKey key = DaemonKey::MinDateForGeneratingCert;
+    return values.isSet(key) ? std::stoll(values.text(key)) : key.row().absent;
 }
 
 // Both drift values are reported under the name of the first.
-std::int32_t driftValue(const ConfigMap& values, const std::string& key) {
-    const auto found = values.find(key);
-    if (found == values.end())
-        return 0;
+std::int32_t driftValue(const ConfigValues& values, const ConfigKey& key) {
+    if (!values.isSet(key))
+        return static_cast<std::int32_t>(key.row().absent);
     const std::string name = "caught while getting the value for TimeDriftSleepTime in api: ";
     try {
-        return std::stoi(found->second);
+        return std::stoi(values.text(key));
     } catch (const std::invalid_argument& error) {
         throw std::runtime_error("Std exception invalid argument " + name + error.what());
     } catch (const std::out_of_range& error) {
@@ -52,6 +45,17 @@ std::int32_t driftValue(const ConfigMap& values, const std::string& key) {
     } catch (...) {
         throw std::runtime_error("Generic exception caught while getting value for TimeDriftSleepTime.");
     }
+}
+
+/// Throws std::runtime_error that names every required key without a value.
+void checkRequired(const ConfigValues& values) {
+    std::string missing;
+    for (const KeyRow& row : daemonKeys()) {
+        if (row.need == Need::Required && !values.has(row))
+            missing.append("'").append(row.name).append("' is not defined; ");
+    }
+    if (!missing.empty())
+        throw std::runtime_error("Bad daemon configuration file : " + missing);
 }
 
 }  // namespace
@@ -62,38 +66,20 @@ DaemonConfiguration& DaemonConfiguration::getInstance() {
 }
 
 DaemonConfiguration::DaemonConfiguration(const std::string& path) {
-    const ConfigMap values = readFile(path);
-    keywardDirectory_ = text(values, "keywardDirectory");
-    notificationGroup_ = text(values, "notificationGroup");
-    serviceConfigDirectory_ = text(values, "serviceConfigDirectory");
-    namePipesDirectory_ = text(values, "namePipesDirectory");
-    daemonUser_ = text(values, "daemonUser");
-    scriptsDirectory_ = text(values, "scriptsDirectory");
-    lockFile_ = text(values, "lockFile");
-    pidFile_ = text(values, "pidFile");
+    const ConfigValues values = readFile(path);
+    keywardDirectory_ = values.text(DaemonKey::KeywardDirectory);
+    notificationGroup_ = values.text(DaemonKey::NotificationGroup);
+    serviceConfigDirectory_ = values.text(DaemonKey::ServiceConfigDirectory);
+    namePipesDirectory_ = values.text(DaemonKey::NamePipesDirectory);
+    daemonUser_ = values.text(DaemonKey::DaemonUser);
+    scriptsDirectory_ = values.text(DaemonKey::ScriptsDirectory);
+    lockFile_ = values.text(DaemonKey::LockFile);
+    pidFile_ = values.text(DaemonKey::PidFile);
     minDateForGeneratingCert_ = minimumDate(values);
-    timeDriftSleepTime_ = driftValue(values, "TimeDriftSleepTime");
-    timeDriftThresholdValue_ = driftValue(values, "TimeDriftThresholdValue");
-    continueOnServiceFailure_ = text(values, "continueOnServiceFailure") == "yes";
-    checkRequired();
-}
-
-void DaemonConfiguration::checkRequired() const {
-    std::string missing;
-    const auto require = [&missing](const std::string& value, const std::string& key) {
-        if (value.empty())
-            missing += "'" + key + "' is not defined; ";
-    };
-    require(keywardDirectory_, "keywardDirectory");
-    require(notificationGroup_, "notificationGroup");
-    require(serviceConfigDirectory_, "serviceConfigDirectory");
-    require(namePipesDirectory_, "namePipesDirectory");
-    require(daemonUser_, "daemonUser");
-    require(scriptsDirectory_, "scriptsDirectory");
-    require(lockFile_, "lockFile");
-    require(pidFile_, "pidFile");
-    if (!missing.empty())
-        throw std::runtime_error("Bad daemon configuration file : " + missing);
+    timeDriftSleepTime_ = driftValue(values, DaemonKey::TimeDriftSleepTime);
+    timeDriftThresholdValue_ = driftValue(values, DaemonKey::TimeDriftThresholdValue);
+    continueOnServiceFailure_ = values.isYes(DaemonKey::ContinueOnServiceFailure);
+    checkRequired(values);
 }
 
 std::string DaemonConfiguration::getKeywardDirectory() {

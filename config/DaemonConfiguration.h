@@ -42,9 +42,6 @@ class DaemonConfiguration {
     explicit DaemonConfiguration(const std::string& path);
 
   private:
-    /// Throws std::runtime_error that names every required key without a value.
-    void checkRequired() const;
-
     std::string keywardDirectory_;
     std::string notificationGroup_;
     std::string serviceConfigDirectory_;

@@ -16,9 +16,6 @@ namespace keywarden {
 
 namespace {
 
-constexpr std::uint32_t kSecondsPerDay = 86400;
-constexpr std::int32_t kDefaultValidity = 30;
-
 /// Runs a parser; its failure is told under the parameter's name, which brings its own separator
 /// (": maximum CA").
 template <typename Parse>
@@ -71,9 +68,9 @@ void ServiceConfiguration::reload() {
     readRequestSettings(values);
     readSelfSigned(values);
     readCASigned(values);
-    networkInvalidRevokePKIcert_ = values.isYes("networkInvalidRevokePKIcert");
-    opensslEngine_ = values.isYes("opensslEngine");
-    includeFQDN_ = values.isYes("includeFQDN");
+    networkInvalidRevokePKIcert_ = values.isYes(ServiceKey::NetworkInvalidRevokePKIcert);
+    opensslEngine_ = values.isYes(ServiceKey::OpensslEngine);
+    includeFQDN_ = values.isYes(ServiceKey::IncludeFQDN);
     readInterfaces(values);
     // A store that is switched off keeps its limits.
     if (ca_)
@@ -83,43 +80,38 @@ void ServiceConfiguration::reload() {
 }
 
 void ServiceConfiguration::readOwner(const ConfigValues& values) {
-    serviceName_ = values.text("name");
-    server_ = values.isYes("server");
-    ca_ = values.isYes("ca");
-    trustedClients_ = values.isYes("trustedClients");
-    keyGroup_ = values.text("keyGroup");
-    // So spelled in every file.
-    managementGroup_ = values.text("managmentGroup");
-    callbackScript_ = values.text("callbackScript");
-    callbackLibrary_ = values.text("callbackLibrary");
+    serviceName_ = values.text(ServiceKey::Name);
+    server_ = values.isYes(ServiceKey::Server);
+    ca_ = values.isYes(ServiceKey::CA);
+    trustedClients_ = values.isYes(ServiceKey::TrustedClients);
+    keyGroup_ = values.text(ServiceKey::KeyGroup);
+    managementGroup_ = values.text(ServiceKey::ManagementGroup);
+    callbackScript_ = values.text(ServiceKey::CallbackScript);
+    callbackLibrary_ = values.text(ServiceKey::CallbackLibrary);
     readCallbackTimeout(values);
 }
 
 // A service is worth more than this setting: one that makes no sense is said so and left aside.
 void ServiceConfiguration::readCallbackTimeout(const ConfigValues& values) {
-    static const std::string kKey = "callbackTimeoutSecs";
-    callbackTimeout_ = 0;
-    if (!values.has(kKey))
-        return;
-    const std::int32_t seconds = values.positiveNumber(kKey, 0);
-    if (seconds >= 1 && static_cast<std::uint32_t>(seconds) <= kSecondsPerDay)
-        callbackTimeout_ = static_cast<std::uint32_t>(seconds);
-    else
+    const ConfigKey key = ServiceKey::CallbackTimeoutSecs;
+    const KeyRow& row = key.row();
+    callbackTimeout_ = static_cast<std::uint32_t>(values.lenientNumber(key));
+    if (values.has(key) && callbackTimeout_ < row.lowest)
         Log::write(SeverityError, "Invalid config parameter: callbackTimeoutSecs of the service " +
-                                      serviceId_ + " should be from 1 to " + std::to_string(kSecondsPerDay) +
-                                      ". Its callback has no time-out.");
+                                      serviceId_ + " should be from " + std::to_string(row.lowest) + " to " +
+                                      std::to_string(row.highest) + ". Its callback has no time-out.");
 }
 
 void ServiceConfiguration::readDailyExpiryCheck(const ConfigValues& values) {
-    static const std::string kKey = "CertDailyExpiryChkTimeOffsetSecs";
-    dailyExpiryCheckOffset_ = 0;
-    if (!values.has(kKey))
+    const ConfigKey key = ServiceKey::CertDailyExpiryChkTimeOffsetSecs;
+    dailyExpiryCheckOffset_ = static_cast<std::uint32_t>(key.row().absent);
+    if (!values.has(key))
         return;
     const std::uint64_t offset =
-        parsed(" certificate expiry check offset time", [&] { return values.number(kKey); });
+        parsed(" certificate expiry check offset time", [&] { return values.number(key); });
     debugTrace("value for CertDailyExpiryChkTimeOffsetSecs :" + std::to_string(offset));
     // Zero is fine, whatever the text says.
-    if (offset >= kSecondsPerDay)
+    if (offset > static_cast<std::uint64_t>(key.row().highest))
         throw std::runtime_error(
             "Invalid config parameter: certificate expiry check offset time should be greater than zero and "
             "less "
@@ -128,8 +120,8 @@ void ServiceConfiguration::readDailyExpiryCheck(const ConfigValues& values) {
 }
 
 void ServiceConfiguration::readRequestSettings(const ConfigValues& values) {
-    cnfHookFile_ = values.text("cnfHookFile");
-    cnfFile_ = values.text("cnfFile");
+    cnfHookFile_ = values.text(ServiceKey::CnfHookFile);
+    cnfFile_ = values.text(ServiceKey::CnfFile);
     if (!cnfHookFile_.empty() || !cnfFile_.empty())
         return;
     debugTrace("Error: cnfHookFile or cnfFile must be defined");
@@ -137,28 +129,29 @@ void ServiceConfiguration::readRequestSettings(const ConfigValues& values) {
 }
 
 void ServiceConfiguration::readSelfSigned(const ConfigValues& values) {
-    selfSignedGeneration_ = values.isYes("selfSignedGeneration");
-    selfSignedOnExpiration_ = values.isYes("selfSignedOnExpiration");
-    selfSignedValidity_ = parsed(": self-signed validity", [&] {
-        return values.positiveNumber("selfSignedValidity", kDefaultValidity);
+    selfSignedGeneration_ = values.isYes(ServiceKey::SelfSignedGeneration);
+    selfSignedOnExpiration_ = values.isYes(ServiceKey::SelfSignedOnExpiration);
+    selfSignedValidity_ = parsed(": self-signed validity",
+                                 [&] { return values.lenientNumber(ServiceKey::SelfSignedValidity); });
+    selfSignedValidityOffset_ = parsed(": self-signed validity offset", [&] {
+        return values.lenientNumber(ServiceKey::SelfSignedValidityOffset);
     });
-    selfSignedValidityOffset_ = parsed(": self-signed validity offset",
-                                       [&] { return values.positiveNumber("selfSignedValidityOffset", 0); });
-    if (values.has("selfSignedValidityOffset") && selfSignedValidityOffset_ >= selfSignedValidity_)
+    if (values.has(ServiceKey::SelfSignedValidityOffset) && selfSignedValidityOffset_ >= selfSignedValidity_)
         throw std::runtime_error(
             "Invalid config parameter: selfsigned validity offset should be less than validity.");
 }
 
 void ServiceConfiguration::readCASigned(const ConfigValues& values) {
-    caSignedGeneration_ = values.isYes("CASignedGeneration");
-    caSignedOnExpiration_ = values.isYes("CASignedOnExpiration");
-    caServiceId_ = values.text("CAServiceId");
-    caSignedValidity_ = parsed(": CA-signed validity",
-                               [&] { return values.positiveNumber("CASignedValidity", kDefaultValidity); });
-    caSignedValidityOffset_ = parsed(": CA-signed validity offset",
-                                     [&] { return values.positiveNumber("CASignedValidityOffset", 0); });
+    caSignedGeneration_ = values.isYes(ServiceKey::CASignedGeneration);
+    caSignedOnExpiration_ = values.isYes(ServiceKey::CASignedOnExpiration);
+    caServiceId_ = values.text(ServiceKey::CAServiceId);
+    caSignedValidity_ =
+        parsed(": CA-signed validity", [&] { return values.lenientNumber(ServiceKey::CASignedValidity); });
+    caSignedValidityOffset_ = parsed(": CA-signed validity offset", [&] {
+        return values.lenientNumber(ServiceKey::CASignedValidityOffset);
+    });
     // Without the full stop that its self-signed sister has.
-    if (values.has("CASignedValidityOffset") && caSignedValidityOffset_ >= caSignedValidity_)
+    if (values.has(ServiceKey::CASignedValidityOffset) && caSignedValidityOffset_ >= caSignedValidity_)
         throw std::runtime_error(
             "Invalid config parameter: CA-signed validity offset should be less than validity");
 }
@@ -167,16 +160,15 @@ void ServiceConfiguration::readInterfaces(const ConfigValues& values) {
     interfaces_.clear();
     interfaceList_.clear();
     for (unsigned index = 0;; ++index) {
-        const std::string number = std::to_string(index);
         ServiceNetworkConfiguration record;
-        record.name = values.text("networkInterface." + number);
+        record.name = values.text({ServiceKey::NetworkInterface, index});
         if (record.name.empty())
             return;
-        record.regenerateIfOff = values.isYes("regenerateIfOff." + number);
-        record.includeIPv4 = values.isYes("includeIPv4." + number);
-        record.includeIPv4Auto = values.isYes("includeIPv4Auto." + number);
-        record.includeIPv6 = values.isYes("includeIPv6." + number);
-        record.includeIPv6Auto = values.isYes("includeIPv6Auto." + number);
+        record.regenerateIfOff = values.isYes({ServiceKey::RegenerateIfOff, index});
+        record.includeIPv4 = values.isYes({ServiceKey::IncludeIPv4, index});
+        record.includeIPv4Auto = values.isYes({ServiceKey::IncludeIPv4Auto, index});
+        record.includeIPv6 = values.isYes({ServiceKey::IncludeIPv6, index});
+        record.includeIPv6Auto = values.isYes({ServiceKey::IncludeIPv6Auto, index});
         // An interface that is listed twice keeps its first record.
         interfaces_.emplace(record.name, record);
         interfaceList_.push_back(record.name);
@@ -186,18 +178,18 @@ void ServiceConfiguration::readInterfaces(const ConfigValues& values) {
 void ServiceConfiguration::readCAStore(const ConfigValues& values) {
     maximumCA_ = 0;
     uniqueCaByCn_ = false;
-    if (values.has("maximumCA"))
-        maximumCA_ = parsed(": maximum CA", [&] { return values.shortNumber("maximumCA"); });
-    uniqueCaByCn_ = values.isYes("uniqueCaByCn");
+    maximumCA_ = parsed(": maximum CA", [&] { return values.shortNumber(ServiceKey::MaximumCA); });
+    uniqueCaByCn_ = values.isYes(ServiceKey::UniqueCaByCn);
 }
 
 void ServiceConfiguration::readTrustedClientsStore(const ConfigValues& values) {
     maximumTrustedClients_ = 0;
     // The limit counts only in a file that also limits the CA store: files in use rely on it.
-    if (values.has("maximumCA") && values.has("maximumTrustedClients"))
-        maximumTrustedClients_ =
-            parsed(": maximum trusted client", [&] { return values.shortNumber("maximumTrustedClients"); });
-    uniqueTrustedClientByCn_ = values.isYes("uniqueTrustedClientByCn");
+    if (values.has(ServiceKey::MaximumCA))
+        maximumTrustedClients_ = parsed(": maximum trusted client", [&] {
+            return values.shortNumber(ServiceKey::MaximumTrustedClients);
+        });
+    uniqueTrustedClientByCn_ = values.isYes(ServiceKey::UniqueTrustedClientByCn);
 }
 
 std::string ServiceConfiguration::getServiceConfigFile() const {

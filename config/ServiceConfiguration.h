@@ -104,12 +104,12 @@ class ServiceConfiguration {
     std::string cnfFile_;
     bool selfSignedGeneration_ = false;
     bool selfSignedOnExpiration_ = false;
-    std::int32_t selfSignedValidity_ = 30;
+    std::int32_t selfSignedValidity_ = 0;
     std::int32_t selfSignedValidityOffset_ = 0;
     bool caSignedGeneration_ = false;
     bool caSignedOnExpiration_ = false;
     std::string caServiceId_;
-    std::int32_t caSignedValidity_ = 30;
+    std::int32_t caSignedValidity_ = 0;
     std::int32_t caSignedValidityOffset_ = 0;
     std::uint32_t dailyExpiryCheckOffset_ = 0;
     bool networkInvalidRevokePKIcert_ = false;

@@ -9,13 +9,16 @@
 
 using keywarden::ConfigValues;
 using keywarden::DaemonConfiguration;
+using keywarden::KeyKind;
+using keywarden::KeyRow;
 using keywarden::Tools;
 
 namespace {
 
-void readNumbers(const ConfigValues& values, const std::string& key) {
-    const std::int32_t positive = values.positiveNumber(key, 30);
-    fuzz::require(positive >= 1, "a positive number is positive");
+void readNumbers(const ConfigValues& values, const KeyRow& key) {
+    const std::int32_t lenient = values.lenientNumber(key);
+    fuzz::require(lenient == key.absent || (lenient >= key.lowest && lenient <= key.highest),
+                  "a number that counts is one that its key allows");
     try {
         (void)values.number(key);
         (void)values.shortNumber(key);
@@ -47,8 +50,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     (void)Tools::getMapKeyValue(settingsText);
     (void)Tools::getConfigMap(daemonText);
     const ConfigValues values(Tools::getConfigFileMap(serviceText));
-    for (const auto* key : {"certDailyExpiryChkTimeOffsetSecs", "selfSignedValidity", "maximumCA"})
-        readNumbers(values, key);
+    for (const KeyRow& key : keywarden::serviceKeys()) {
+        if (key.kind == KeyKind::Number)
+            readNumbers(values, key);
+    }
     readDaemonFile(text);
     return 0;
 }

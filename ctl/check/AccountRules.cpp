@@ -12,7 +12,7 @@ namespace {
 constexpr const char* kGroupFile = "/etc/group";
 
 // The daemon takes its groups once, as root: one that it got later it does not have.
-void checkTakenGroup(const Subject& subject, const Place& place, const std::string& key,
+void checkTakenGroup(const Subject& subject, const Place& place, const ConfigKey& key,
                      const std::string& group, Report& report) {
     const pid_t daemon = runningDaemon(subject);
     if (daemon != 0 && !hasGroup(daemon, keywarden::Tools::getGroupId(group)))
@@ -22,7 +22,7 @@ void checkTakenGroup(const Subject& subject, const Place& place, const std::stri
                    "Restart the daemon; a reload does not do.");
 }
 
-void checkGroup(const Subject& subject, const Place& place, const std::string& key, const std::string& group,
+void checkGroup(const Subject& subject, const Place& place, const ConfigKey& key, const std::string& group,
                 Report& report) {
     if (!keywarden::Tools::isGroupExist(group)) {
         report.add(Code::NoGroup, place,
@@ -71,25 +71,26 @@ void checkDaemonAccounts(const Subject& subject, Report& report) {
     if (user.empty())
         return;
     if (!subject.identity.isKnown())
-        report.add(Code::NoDaemonUser, daemon.at("daemonUser"),
+        report.add(Code::NoDaemonUser, daemon.at(DaemonKey::DaemonUser),
                    "the user " + quoted(user) + " does not exist",
                    "Make it, and a group of the same name, with 'useradd -r -U " + user +
                        "' (BusyBox: 'addgroup -S " + user + "' and 'adduser -S -D -H -G " + user + " " +
                        user + "').");
     else if (!keywarden::Tools::isGroupExist(user))
-        report.add(Code::NoUserGroup, daemon.at("daemonUser"),
+        report.add(Code::NoUserGroup, daemon.at(DaemonKey::DaemonUser),
                    "there is no group of the daemon user's name " + quoted(user),
                    "Make it with 'groupadd -r " + user + "' (BusyBox: 'addgroup -S " + user +
                        "'): the daemon would keep root's group.");
-    if (const std::string group = daemon.values.text("notificationGroup"); !group.empty())
-        checkGroup(subject, daemon.at("notificationGroup"), "notificationGroup", group, report);
+    if (const std::string group = daemon.values.text(DaemonKey::NotificationGroup); !group.empty())
+        checkGroup(subject, daemon.at(DaemonKey::NotificationGroup), DaemonKey::NotificationGroup, group,
+                   report);
     checkUnmeantGroups(subject, report);
 }
 
 void checkServiceAccounts(const Subject& subject, const CheckedService& service, Report& report) {
     // The key group counts only for a service with a key.
-    for (const std::string key : {"managmentGroup", "keyGroup"}) {
-        if (key == "keyGroup" && !service.file.values.isYes("server"))
+    for (const ServiceKey key : {ServiceKey::ManagementGroup, ServiceKey::KeyGroup}) {
+        if (key == ServiceKey::KeyGroup && !service.file.values.isYes(ServiceKey::Server))
             continue;
         const std::string group = service.file.values.text(key);
         if (group.empty())

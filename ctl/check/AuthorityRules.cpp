@@ -21,10 +21,11 @@ bool isAuthority(const CheckedFile& authority, const std::string& id) {
     const StoredCertificate active = activeCertificateOf(id);
     if (active.certificate.get() != nullptr)
         return isCertificateAuthority(active.certificate);
-    if (!authority.values.has("cnfFile"))
+    if (!authority.values.has(ServiceKey::CnfFile))
         return true;
     try {
-        return RequestProbe(ConfigLines::read(authority.values.text("cnfFile"), Dialect::Settings).values())
+        return RequestProbe(
+                   ConfigLines::read(authority.values.text(ServiceKey::CnfFile), Dialect::Settings).values())
             .makesAuthority();
     } catch (const std::runtime_error&) {
         return true;
@@ -33,8 +34,8 @@ bool isAuthority(const CheckedFile& authority, const std::string& id) {
 
 void checkKnown(const CheckedFile& file, const CheckedFile& authority, const std::string& id,
                 Report& report) {
-    const Place place = file.at("CAServiceId");
-    if (!authority.values.isYes("server"))
+    const Place place = file.at(ServiceKey::CAServiceId);
+    if (!authority.values.isYes(ServiceKey::Server))
         report.add(Code::AuthorityWithoutServer, place,
                    "the service " + quoted(id) + " has no certificate of its own to sign with",
                    "Write 'server yes' into " + authority.lines.file() + ".");
@@ -49,9 +50,10 @@ void checkKnown(const CheckedFile& file, const CheckedFile& authority, const std
 
 void checkAuthority(const Subject& subject, const CheckedService& service, Report& report) {
     const CheckedFile& file = service.file;
-    const std::string id = file.values.text("CAServiceId");
-    const Place place = file.at("CAServiceId");
-    if (!file.values.isYes("CASignedGeneration") && !file.values.isYes("CASignedOnExpiration"))
+    const std::string id = file.values.text(ServiceKey::CAServiceId);
+    const Place place = file.at(ServiceKey::CAServiceId);
+    if (!file.values.isYes(ServiceKey::CASignedGeneration) &&
+        !file.values.isYes(ServiceKey::CASignedOnExpiration))
         return;
     const auto& all = subject.allServices;
     if (id.empty()) {
@@ -68,7 +70,7 @@ void checkAuthority(const Subject& subject, const CheckedService& service, Repor
     else
         try {
             const std::string path =
-                subject.daemon.values.text("serviceConfigDirectory") + "/" + id + ".conf";
+                subject.daemon.values.text(DaemonKey::ServiceConfigDirectory) + "/" + id + ".conf";
             checkKnown(file, CheckedFile(ConfigLines::read(path, Dialect::Configuration)), id, report);
             if (!isEarly(id))
                 report.add(Code::AuthorityOrder, place,

@@ -14,13 +14,13 @@ bool isRegular(const std::string& path) {
     return status && status->isRegular();
 }
 
-void addMissing(const Place& place, const std::string& key, const std::string& path, Report& report) {
+void addMissing(const Place& place, const ConfigKey& key, const std::string& path, Report& report) {
     report.add(Code::CallbackMissing, place,
                "the file of " + quoted(key) + " does not exist: " + quoted(path), kNotStarted);
 }
 
 void checkScript(const Subject& subject, const CheckedFile& file, Report& report) {
-    const std::string key = "callbackScript";
+    const ConfigKey key = ServiceKey::CallbackScript;
     const std::string path = file.values.text(key);
     const AccessAnswer answer = subject.identity.access(path, kRun);
     if (answer.access == Access::Unknown)
@@ -34,7 +34,7 @@ void checkScript(const Subject& subject, const CheckedFile& file, Report& report
                    "The service does not start: make it executable with 'chmod 0755 " + path +
                        "' and its folders searchable.");
     checkOpenToOthers(file.at(key), path, report);
-    if (!file.values.has("callbackTimeoutSecs"))
+    if (!file.values.has(ServiceKey::CallbackTimeoutSecs))
         report.add(Code::NoCallbackTimeout, file.at(key),
                    "'callbackScript' has no time-out: a run that does not end holds up the service, and the "
                    "changes of network and time for all services that come after it",
@@ -51,7 +51,7 @@ void checkSymbols(const Place& place, const std::string& path, const LibraryLook
 }
 
 void checkLibrary(const Subject& subject, const CheckedFile& file, Report& report) {
-    const std::string key = "callbackLibrary";
+    const ConfigKey key = ServiceKey::CallbackLibrary;
     const std::string path = file.values.text(key);
     const Place place = file.at(key);
     const AccessAnswer answer = subject.identity.access(path, kRead);
@@ -80,13 +80,13 @@ void checkLibrary(const Subject& subject, const CheckedFile& file, Report& repor
 
 void checkCallbacks(const Subject& subject, const CheckedService& service, Report& report) {
     const CheckedFile& file = service.file;
-    const bool script = file.values.has("callbackScript");
-    const bool library = file.values.has("callbackLibrary");
+    const bool script = file.values.has(ServiceKey::CallbackScript);
+    const bool library = file.values.has(ServiceKey::CallbackLibrary);
     if (!script && !library)
         report.add(Code::NoCallback, file.whole(), "neither 'callbackScript' nor 'callbackLibrary' is set",
                    "The service does not start without one of them; a script may do nothing (/bin/true).");
     if (script && library)
-        report.add(Code::TwoCallbacks, file.at("callbackLibrary"),
+        report.add(Code::TwoCallbacks, file.at(ServiceKey::CallbackLibrary),
                    "'callbackLibrary' is never loaded beside 'callbackScript'",
                    "Remove one of the two lines.");
     if (script)

@@ -146,13 +146,13 @@ void checkStore(const CheckedService& service, const std::string& name, Report& 
 }  // namespace
 
 void checkCertificates(const Subject&, const CheckedService& service, Report& report) {
-    if (service.file.values.isYes("server")) {
+    if (service.file.values.isYes(ServiceKey::Server)) {
         checkServer(service, report);
         checkUnnamedFiles(service, report);
     }
-    if (service.file.values.isYes("ca"))
+    if (service.file.values.isYes(ServiceKey::CA))
         checkStore(service, "ca", report);
-    if (service.file.values.isYes("trustedClients"))
+    if (service.file.values.isYes(ServiceKey::TrustedClients))
         checkStore(service, "client", report);
 }
 

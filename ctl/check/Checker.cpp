@@ -30,7 +30,7 @@ bool readDaemonFile(Subject& subject, Report& report) {
                        "The daemon does not start without this file.");
         return false;
     }
-    subject.user = subject.daemon.values.text("daemonUser");
+    subject.user = subject.daemon.values.text(DaemonKey::DaemonUser);
     subject.identity = Identity(subject.user);
     return true;
 }
@@ -41,7 +41,7 @@ bool listServices(Subject& subject, Report& report) {
         std::sort(subject.allServices.begin(), subject.allServices.end());
         return true;
     } catch (const std::runtime_error& error) {
-        report.addNotLookedAt(subject.daemon.values.text("serviceConfigDirectory"), error.what());
+        report.addNotLookedAt(subject.daemon.values.text(DaemonKey::ServiceConfigDirectory), error.what());
         return false;
     }
 }
@@ -51,7 +51,8 @@ bool isListed(const Subject& subject, const std::string& id) {
 }
 
 void readService(Subject& subject, const std::string& id, Report& report) {
-    const std::string path = subject.daemon.values.text("serviceConfigDirectory") + "/" + id + ".conf";
+    const std::string path =
+        subject.daemon.values.text(DaemonKey::ServiceConfigDirectory) + "/" + id + ".conf";
     if (!isListed(subject, id)) {
         report.add(Code::UnknownService, {path}, "there is no service " + quoted(id),
                    "A service is named like its file, without '.conf'.");
@@ -70,7 +71,7 @@ void readService(Subject& subject, const std::string& id, Report& report) {
 }
 
 void checkDaemon(const Subject& subject, Report& report) {
-    checkKeys(subject.daemon.lines, daemonKeys(), report);
+    checkKeys(subject.daemon.lines, keywarden::daemonKeys(), report);
     checkDaemonValues(subject.daemon, report);
     checkDaemonAccounts(subject, report);
     checkDaemonPaths(subject, report);
@@ -78,7 +79,7 @@ void checkDaemon(const Subject& subject, Report& report) {
 }
 
 void checkService(const Subject& subject, const CheckedService& service, Report& report) {
-    checkKeys(service.file.lines, serviceKeys(), report);
+    checkKeys(service.file.lines, keywarden::serviceKeys(), report);
     checkServiceValues(service.file, report);
     checkInterfaces(service.file, report);
     checkServiceAccounts(subject, service, report);
@@ -100,7 +101,7 @@ Report checkDevice(const std::vector<std::string>& services) {
         return report;
     checkDaemon(subject, report);
     if (!checkDaemonRefusal(subject.daemon, report)) {
-        report.addNotLookedAt(subject.daemon.values.text("serviceConfigDirectory"),
+        report.addNotLookedAt(subject.daemon.values.text(DaemonKey::ServiceConfigDirectory),
                               "the daemon refuses its own file");
         return report;
     }

@@ -8,26 +8,35 @@ namespace keywardctl::check {
 namespace {
 
 void checkRequired(const CheckedFile& file, Report& report) {
-    for (const std::string& key : requiredDaemonKeys()) {
-        if (!file.values.has(key))
+    for (const KeyRow& key : keywarden::daemonKeys()) {
+        if (key.need == keywarden::Need::Required && !file.values.has(key))
             report.add(Code::MissingKey, file.whole(), quoted(key) + " is missing",
                        "The daemon does not start without it.");
     }
 }
 
-/// Only a value that the daemon could not read at all; `read` is its own way to read one.
-template <typename Read>
-void checkNumber(const CheckedFile& file, const std::string& key, Report& report, Read&& read) {
+/// As the daemon reads it. `end` becomes that of the number once there is one.
+std::int64_t readNumber(const KeyRow& key, const std::string& text, std::size_t& end) {
+    std::size_t read = 0;
+    const std::int64_t value = std::stoll(text, &read);
+    if (value < key.lowest || value > key.highest)
+        throw std::out_of_range(text);
+    end = read;
+    return value;
+}
+
+/// Only a value that the daemon could not read at all, or that no number of seconds can be.
+void checkNumber(const CheckedFile& file, const KeyRow& key, Report& report) {
     // Not has(): of a key of the daemon's file even an empty value would be read.
-    if (file.lines.lineOf(key) == 0)
+    if (!file.values.isSet(key))
         return;
     const std::string value = file.values.text(key);
     const std::string advice = "The daemon does not start with it.";
     std::size_t end = value.size();
     try {
-        if (read(value, &end) < 0)
+        if (readNumber(key, value, end) < 0)
             report.add(Code::OutOfRange, file.at(key), quoted(key) + " is negative: " + quoted(value),
-                       "Write a number of seconds.");
+                       "Write a number of " + std::string(key.unit) + ".");
     } catch (const std::invalid_argument&) {
         report.add(Code::NotANumber, file.at(key), quoted(key) + " is no number: " + quoted(value), advice);
     } catch (const std::out_of_range&) {
@@ -40,22 +49,14 @@ void checkNumber(const CheckedFile& file, const std::string& key, Report& report
                    "Write the number alone.");
 }
 
-std::int64_t readInt(const std::string& text, std::size_t* end) {
-    return std::stoi(text, end);
-}
-
-std::int64_t readLong(const std::string& text, std::size_t* end) {
-    return std::stoll(text, end);
-}
-
 void checkMonitor(const CheckedFile& file, Report& report) {
-    const std::string sleep = "TimeDriftSleepTime";
-    const std::string threshold = "TimeDriftThresholdValue";
-    const auto isOn = [&file](const std::string& key) { return file.values.positiveNumber(key, 0) > 0; };
+    const ConfigKey sleep = DaemonKey::TimeDriftSleepTime;
+    const ConfigKey threshold = DaemonKey::TimeDriftThresholdValue;
+    const auto isOn = [&file](const ConfigKey& key) { return file.values.lenientNumber(key) > 0; };
     if (isOn(sleep) == isOn(threshold))
         return;
-    const std::string set = isOn(sleep) ? sleep : threshold;
-    const std::string unset = isOn(sleep) ? threshold : sleep;
+    const ConfigKey& set = isOn(sleep) ? sleep : threshold;
+    const ConfigKey& unset = isOn(sleep) ? threshold : sleep;
     report.add(Code::MonitorOff, file.at(set),
                quoted(set) + " has no effect: without " + quoted(unset) +
                    ", or with 0, nobody watches the clock and the network",
@@ -66,11 +67,12 @@ void checkMonitor(const CheckedFile& file, Report& report) {
 
 void checkDaemonValues(const CheckedFile& file, Report& report) {
     checkRequired(file, report);
-    checkSwitches(file.lines, daemonKeys(), report);
-    checkRelativePaths(file.lines, daemonKeys(), report);
-    checkNumber(file, "minDateForGeneratingCert", report, readLong);
-    checkNumber(file, "TimeDriftSleepTime", report, readInt);
-    checkNumber(file, "TimeDriftThresholdValue", report, readInt);
+    checkSwitches(file.lines, keywarden::daemonKeys(), report);
+    checkRelativePaths(file.lines, keywarden::daemonKeys(), report);
+    for (const KeyRow& key : keywarden::daemonKeys()) {
+        if (key.kind == keywarden::KeyKind::Number)
+            checkNumber(file, key, report);
+    }
     checkMonitor(file, report);
 }
 

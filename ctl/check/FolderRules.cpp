@@ -36,7 +36,7 @@ bool isMeant(const std::string& path, const std::string& name) {
 }  // namespace
 
 void checkServiceFolder(const Subject& subject, Report& report) {
-    const std::string folder = subject.daemon.values.text("serviceConfigDirectory");
+    const std::string folder = subject.daemon.values.text(DaemonKey::ServiceConfigDirectory);
     std::error_code error;
     std::vector<fs::path> entries;
     for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error))

@@ -7,12 +7,14 @@ namespace keywardctl::check {
 
 namespace {
 
-const std::string kInterface = "networkInterface.";
+ConfigKey interfaceKey(unsigned number) {
+    return {ServiceKey::NetworkInterface, number};
+}
 
 /// The interfaces that the daemon reads: from 0 up to the first number without one.
 unsigned countInterfaces(const CheckedFile& file) {
     unsigned count = 0;
-    while (file.values.has(kInterface + std::to_string(count)))
+    while (file.values.has(interfaceKey(count)))
         ++count;
     return count;
 }
@@ -24,15 +26,14 @@ bool isRead(const std::string& number, unsigned count) {
 
 void checkNumbers(const CheckedFile& file, unsigned count, Report& report) {
     for (const ConfigLine& line : file.lines.lines()) {
-        const Key* const key = line.sets ? findKey(serviceKeys(), line.key) : nullptr;
+        const KeyRow* const key = line.sets ? findKey(keywarden::serviceKeys(), line.key) : nullptr;
         const std::string number = interfaceNumberOf(line.key);
         if (key == nullptr || !key->numbered || isRead(number, count))
             continue;
         const Place place{file.lines.file(), line.number};
-        if (line.key == kInterface + number)
+        if (key == &rowOf(ServiceKey::NetworkInterface))
             report.add(Code::InterfaceGap, place,
-                       quoted(line.key) + " is never read: there is no " +
-                           quoted(kInterface + std::to_string(count)),
+                       quoted(line.key) + " is never read: there is no " + quoted(interfaceKey(count)),
                        "Number the interfaces from 0 without a gap.");
         else
             report.add(
@@ -45,8 +46,8 @@ void checkNumbers(const CheckedFile& file, unsigned count, Report& report) {
 void checkRepeated(const CheckedFile& file, unsigned count, Report& report) {
     std::map<std::string, std::string> seen;
     for (unsigned number = 0; number < count; ++number) {
-        const std::string key = kInterface + std::to_string(number);
-        const auto [first, isFirst] = seen.emplace(file.values.text(key), key);
+        const ConfigKey key = interfaceKey(number);
+        const auto [first, isFirst] = seen.emplace(file.values.text(key), key.name());
         if (!isFirst)
             report.add(Code::RepeatedInterface, file.at(key),
                        quoted(first->first) + " is listed again; what stands for " + quoted(first->second) +
@@ -57,13 +58,15 @@ void checkRepeated(const CheckedFile& file, unsigned count, Report& report) {
 
 void checkFamilies(const CheckedFile& file, unsigned count, Report& report) {
     for (unsigned number = 0; number < count; ++number) {
-        for (const std::string family : {"includeIPv4", "includeIPv6"}) {
-            const std::string key = family + "." + std::to_string(number);
-            const std::string automatic = family + "Auto." + std::to_string(number);
+        for (const auto& [key, automatic] :
+             {std::pair<ConfigKey, ConfigKey>{{ServiceKey::IncludeIPv4, number},
+                                              {ServiceKey::IncludeIPv4Auto, number}},
+              std::pair<ConfigKey, ConfigKey>{{ServiceKey::IncludeIPv6, number},
+                                              {ServiceKey::IncludeIPv6Auto, number}}}) {
             if (file.values.isYes(automatic) && !file.values.isYes(key))
                 report.add(Code::AutoWithoutFamily, file.at(automatic),
-                           quoted(automatic) + " has no effect without " + quoted(key + " yes"),
-                           "Add " + quoted(key + " yes") + " or remove the line.");
+                           quoted(automatic) + " has no effect without " + quoted(key.name() + " yes"),
+                           "Add " + quoted(key.name() + " yes") + " or remove the line.");
         }
     }
 }

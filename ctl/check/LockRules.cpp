@@ -20,8 +20,8 @@ std::string ownerOf(const std::string& pidFile) {
 }  // namespace
 
 void checkLock(const Subject& subject, Report& report) {
-    const std::string lock = subject.daemon.values.text("lockFile");
-    const std::string pidFile = subject.daemon.values.text("pidFile");
+    const std::string lock = subject.daemon.values.text(DaemonKey::LockFile);
+    const std::string pidFile = subject.daemon.values.text(DaemonKey::PidFile);
     if (lock.empty() || pidFile.empty() || !keywarden::linkStatusOfPath(lock))
         return;
     if (::access(pidFile.c_str(), R_OK) != 0 && errno == EACCES) {

@@ -5,19 +5,18 @@ namespace keywardctl::check {
 
 namespace {
 
-const std::string kInterface = "networkInterface.";
-const std::string kNames = "includeFQDN";
+constexpr ServiceKey kNames = ServiceKey::IncludeFQDN;
 
 /// The keys under which a service lists interfaces that the daemon reads.
-std::vector<std::string> interfaceKeysOf(const CheckedFile& file) {
-    std::vector<std::string> keys;
-    while (file.values.has(kInterface + std::to_string(keys.size())))
-        keys.push_back(kInterface + std::to_string(keys.size()));
+std::vector<ConfigKey> interfaceKeysOf(const CheckedFile& file) {
+    std::vector<ConfigKey> keys;
+    for (unsigned number = 0; file.values.has({ServiceKey::NetworkInterface, number}); ++number)
+        keys.emplace_back(ServiceKey::NetworkInterface, number);
     return keys;
 }
 
 void checkService(const CheckedFile& file, const NetworkAnswer& answer, Report& report) {
-    for (const std::string& key : interfaceKeysOf(file)) {
+    for (const ConfigKey& key : interfaceKeysOf(file)) {
         const std::string name = file.values.text(key);
         if (answer.interfaces.find(name) == answer.interfaces.end())
             report.add(Code::UnknownInterface, file.at(key), "the device has no interface " + quoted(name),
@@ -34,11 +33,11 @@ void checkNetwork(const Subject& subject, Report& report) {
     std::set<std::string> interfaces;
     bool isAsked = false;
     for (const CheckedService& service : subject.services) {
-        for (const std::string& key : interfaceKeysOf(service.file))
+        for (const ConfigKey& key : interfaceKeysOf(service.file))
             interfaces.insert(service.file.values.text(key));
         isAsked = isAsked || !interfaces.empty() || service.file.values.isYes(kNames);
     }
-    const std::string script = subject.daemon.values.text("scriptsDirectory") + "/network.sh";
+    const std::string script = subject.daemon.values.text(DaemonKey::ScriptsDirectory) + "/network.sh";
     // A script that cannot be run was told of already.
     if (!isAsked || subject.identity.access(script, kRun).access != Access::Granted)
         return;

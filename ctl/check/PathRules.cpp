@@ -15,13 +15,13 @@ class PathRules {
         : subject_(subject), file_(subject.daemon), user_(quoted(subject.user)), report_(report) {}
 
     /// `then` says what becomes of it.
-    void requireParent(const std::string& key, unsigned wanted, Code code, const std::string& then) {
+    void requireParent(const ConfigKey& key, unsigned wanted, Code code, const std::string& then) {
         const std::string path = file_.values.text(key);
         if (!path.empty())
             require(file_.at(key), parentOf(path), wanted, code, then);
     }
 
-    void requireFolder(const std::string& key, unsigned wanted, Code code, const std::string& then) {
+    void requireFolder(const ConfigKey& key, unsigned wanted, Code code, const std::string& then) {
         const std::string path = file_.values.text(key);
         if (!path.empty())
             require(file_.at(key), path, wanted, code, then);
@@ -39,7 +39,7 @@ class PathRules {
     }
 
     void requireScript() {
-        const std::string folder = file_.values.text("scriptsDirectory");
+        const std::string folder = file_.values.text(DaemonKey::ScriptsDirectory);
         if (folder.empty())
             return;
         const std::string script = folder + "/network.sh";
@@ -49,23 +49,24 @@ class PathRules {
         if (answer.access == Access::Unknown)
             report_.addNotLookedAt(answer.where, answer.reason);
         else if (answer.access != Access::Granted || isFolder)
-            report_.add(Code::NetworkScript, file_.at("scriptsDirectory"),
+            report_.add(Code::NetworkScript, file_.at(DaemonKey::ScriptsDirectory),
                         quoted(script) + " cannot be run by the daemon user " + user_ +
                             ": the daemon does not "
                             "start",
                         "Put the platform's network script there, with mode 0755.");
-        checkOpenToOthers(file_.at("scriptsDirectory"), script, report_);
+        checkOpenToOthers(file_.at(DaemonKey::ScriptsDirectory), script, report_);
     }
 
-    void refuseInsidePipes(const std::string& key) {
-        const std::string pipes = file_.values.text("namePipesDirectory") + "/";
+    void refuseInsidePipes(const ConfigKey& key) {
+        const std::string pipes = file_.values.text(DaemonKey::NamePipesDirectory) + "/";
         const std::string path = file_.values.text(key) + "/";
         if (pipes.size() > 1 && path.size() > 1 && path.compare(0, pipes.size(), pipes) == 0)
             report_.add(Code::InsidePipes, file_.at(key),
                         quoted(key) +
                             " lies inside the folder of the pipes, which the daemon removes with "
                             "everything in it whenever it starts",
-                        "Choose a place outside of " + quoted(file_.values.text("namePipesDirectory")) + ".");
+                        "Choose a place outside of " +
+                            quoted(file_.values.text(DaemonKey::NamePipesDirectory)) + ".");
     }
 
   private:
@@ -109,21 +110,22 @@ void checkOpenToOthers(const Place& place, const std::string& path, Report& repo
 
 void checkDaemonPaths(const Subject& subject, Report& report) {
     PathRules rules(subject, report);
-    for (const char* const key :
-         {"keywardDirectory", "serviceConfigDirectory", "scriptsDirectory", "lockFile", "pidFile"})
+    for (const DaemonKey key : {DaemonKey::KeywardDirectory, DaemonKey::ServiceConfigDirectory,
+                                DaemonKey::ScriptsDirectory, DaemonKey::LockFile, DaemonKey::PidFile})
         rules.refuseInsidePipes(key);
     // Without a user there is nobody to ask the folders for.
     if (!subject.identity.isKnown())
         return;
-    rules.requireParent("keywardDirectory", kSearch, Code::StoreFolder, "no certificate can be stored.");
-    rules.requireFolder("serviceConfigDirectory", kRead | kSearch, Code::ServicesFolder,
+    rules.requireParent(DaemonKey::KeywardDirectory, kSearch, Code::StoreFolder,
+                        "no certificate can be stored.");
+    rules.requireFolder(DaemonKey::ServiceConfigDirectory, kRead | kSearch, Code::ServicesFolder,
                         "it finds no services.");
-    rules.requireParent("namePipesDirectory", kWrite | kSearch, Code::PipesFolder,
+    rules.requireParent(DaemonKey::NamePipesDirectory, kWrite | kSearch, Code::PipesFolder,
                         "the folder of the pipes stays behind when it stops.");
     rules.requireScript();
-    rules.requireParent("lockFile", kWrite | kSearch, Code::LockFolder,
+    rules.requireParent(DaemonKey::LockFile, kWrite | kSearch, Code::LockFolder,
                         "the lock stays behind when it stops, and it does not start again.");
-    rules.requireParent("pidFile", kWrite | kSearch, Code::PidFolder,
+    rules.requireParent(DaemonKey::PidFile, kWrite | kSearch, Code::PidFolder,
                         "the pid file stays behind when it stops.");
     rules.requireReadyFolder();
 }

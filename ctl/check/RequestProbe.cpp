@@ -4,6 +4,7 @@
 
 #include "cnf/CCSRData.h"
 #include "cnf/CnfConfiguration.h"
+#include "ctl/check/KeySearch.h"
 #include "x509/Description.h"
 #include "x509/EVP_PKEY_T.h"
 #include "x509/Inspection.h"
@@ -12,6 +13,9 @@
 #include "x509/X509_REQ_T.h"
 
 namespace keywardctl::check {
+
+using keywarden::ConfigKey;
+using keywarden::SettingsKey;
 
 namespace {
 
@@ -46,34 +50,36 @@ kwdata::CCSRData requested(const kwdata::CCertificateData& data) {
 RequestProbe::RequestProbe(const std::map<std::string, std::string>& settings)
     : data_(Settings(settings).getCCertificateData()) {}
 
-std::vector<std::string> RequestProbe::refusedExtensions() const {
-    std::vector<std::string> refused;
+std::vector<ConfigKey> RequestProbe::refusedExtensions() const {
+    std::vector<ConfigKey> refused;
     for (const kwdata::v3Ext& extension : data_.v3Extention) {
         kwdata::CCertificateData single = data_;
         single.v3Extention = {extension};
-        if (!extension.short_name.empty() && requested(single).v3Extention.empty())
-            refused.push_back(extension.obj_id);
+        // It is named like its key.
+        const KeyRow* const key = findKey(keywarden::settingsKeys(), extension.obj_id);
+        if (key != nullptr && !extension.short_name.empty() && requested(single).v3Extention.empty())
+            refused.emplace_back(*key);
     }
     return refused;
 }
 
-std::vector<std::string> RequestProbe::refusedSubject() const {
+std::vector<ConfigKey> RequestProbe::refusedSubject() const {
     const kwdata::CDistinguishedName& asked = data_.subject;
     const kwdata::CDistinguishedName got = requested(data_).subject;
     const std::string division = got.divisions.empty() ? std::string() : got.divisions.front();
-    const std::vector<std::pair<std::string, bool>> parts = {
-        {"C", !asked.country.empty() && got.country.empty()},
-        {"ST", !asked.state.empty() && got.state.empty()},
-        {"L", !asked.city.empty() && got.city.empty()},
-        {"O", !asked.company.empty() && got.company.empty()},
-        {"OU", !asked.divisions.front().empty() && division.empty()},
-        {"CN", !asked.common_name.empty() && got.common_name.empty()},
-        {"emailAddress", !asked.email_address.empty() && got.email_address.empty()},
+    const std::vector<std::pair<SettingsKey, bool>> parts = {
+        {SettingsKey::Country, !asked.country.empty() && got.country.empty()},
+        {SettingsKey::State, !asked.state.empty() && got.state.empty()},
+        {SettingsKey::City, !asked.city.empty() && got.city.empty()},
+        {SettingsKey::Company, !asked.company.empty() && got.company.empty()},
+        {SettingsKey::Division, !asked.divisions.front().empty() && division.empty()},
+        {SettingsKey::CommonName, !asked.common_name.empty() && got.common_name.empty()},
+        {SettingsKey::EmailAddress, !asked.email_address.empty() && got.email_address.empty()},
     };
-    std::vector<std::string> refused;
+    std::vector<ConfigKey> refused;
     for (const auto& [key, isRefused] : parts) {
         if (isRefused)
-            refused.push_back(key);
+            refused.emplace_back(key);
     }
     return refused;
 }

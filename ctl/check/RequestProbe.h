@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "cnf/CCertificateData.h"
+#include "config/ConfigKeys.h"
 
 namespace keywardctl::check {
 
@@ -16,9 +17,9 @@ class RequestProbe {
 
     [[nodiscard]] const kwdata::CCertificateData& data() const { return data_; }
     /// The keys of the extensions whose value OpenSSL does not take.
-    [[nodiscard]] std::vector<std::string> refusedExtensions() const;
+    [[nodiscard]] std::vector<keywarden::ConfigKey> refusedExtensions() const;
     /// The keys of the parts of the subject that OpenSSL does not take.
-    [[nodiscard]] std::vector<std::string> refusedSubject() const;
+    [[nodiscard]] std::vector<keywarden::ConfigKey> refusedSubject() const;
     /// Whether a certificate made with them may sign others.
     [[nodiscard]] bool makesAuthority() const;
 

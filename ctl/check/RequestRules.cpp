@@ -9,7 +9,7 @@ namespace {
 constexpr const char* kNotStarted = "The service does not start: ";
 
 // Also when the other source counts, the daemon insists that both can be read.
-void checkReadable(const Subject& subject, const CheckedFile& file, const std::string& key, Code code,
+void checkReadable(const Subject& subject, const CheckedFile& file, const ConfigKey& key, Code code,
                    unsigned wanted, Report& report) {
     const std::string path = file.values.text(key);
     if (path.empty())
@@ -35,19 +35,19 @@ void checkReadable(const Subject& subject, const CheckedFile& file, const std::s
 
 void checkRequestSettings(const Subject& subject, const CheckedService& service, Report& report) {
     const CheckedFile& file = service.file;
-    const bool settings = file.values.has("cnfFile");
-    const bool hook = file.values.has("cnfHookFile");
+    const bool settings = file.values.has(ServiceKey::CnfFile);
+    const bool hook = file.values.has(ServiceKey::CnfHookFile);
     if (!settings && !hook)
         report.add(Code::NoRequestSettings, file.whole(), "neither 'cnfFile' nor 'cnfHookFile' is set",
                    "The service does not start without one of them, not even without 'server yes'.");
     if (settings && hook)
-        report.add(Code::TwoRequestSettings, file.at("cnfHookFile"),
+        report.add(Code::TwoRequestSettings, file.at(ServiceKey::CnfHookFile),
                    "'cnfHookFile' is never run beside 'cnfFile'", "Remove one of the two lines.");
-    if (!file.values.isYes("server"))
+    if (!file.values.isYes(ServiceKey::Server))
         return;
-    checkReadable(subject, file, "cnfFile", Code::SettingsUnreadable, kRead, report);
-    checkReadable(subject, file, "cnfHookFile", Code::HookUnusable, kRead | kRun, report);
-    checkOpenToOthers(file.at("cnfHookFile"), file.values.text("cnfHookFile"), report);
+    checkReadable(subject, file, ServiceKey::CnfFile, Code::SettingsUnreadable, kRead, report);
+    checkReadable(subject, file, ServiceKey::CnfHookFile, Code::HookUnusable, kRead | kRun, report);
+    checkOpenToOthers(file.at(ServiceKey::CnfHookFile), file.values.text(ServiceKey::CnfHookFile), report);
     if (settings)
         checkSettingsFile(subject, service, report);
 }

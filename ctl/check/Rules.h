@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <string>
 
-#include "ctl/check/KeyTables.h"
+#include "ctl/check/KeySearch.h"
 #include "ctl/check/Report.h"
 #include "ctl/check/Subject.h"
 

@@ -56,7 +56,7 @@ pid_t pidIn(const std::string& path) {
 }  // namespace
 
 pid_t runningDaemon(const Subject& subject) {
-    const pid_t process = pidIn(subject.daemon.values.text("pidFile"));
+    const pid_t process = pidIn(subject.daemon.values.text(DaemonKey::PidFile));
     return isDaemon(process) ? process : 0;
 }
 

@@ -9,40 +9,41 @@ namespace keywardctl::check {
 
 namespace {
 
-constexpr int kShortestRsaKey = 512;
 constexpr int kSaneRsaKey = 2048;
-constexpr int kLongestRsaKey = 16384;
 
 void checkRsaSize(const CheckedFile& file, int bits, Report& report) {
-    const std::string size = quoted(file.values.text("default_bits"));
-    if (bits < kShortestRsaKey || bits > kLongestRsaKey)
-        report.add(Code::KeySize, file.at("default_bits"), "no RSA key can be made of " + size + " bits",
-                   "Write a number from 2048 to 16384, or nothing for 2048.");
+    const std::string size = quoted(file.values.text(SettingsKey::Bits));
+    const KeyRow& row = rowOf(SettingsKey::Bits);
+    if (bits < row.lowest || bits > row.highest)
+        report.add(Code::KeySize, file.at(SettingsKey::Bits), "no RSA key can be made of " + size + " bits",
+                   "Write a number from " + std::to_string(kSaneRsaKey) + " to " +
+                       std::to_string(row.highest) + ", or nothing for " + std::to_string(row.absent) + ".");
     else if (bits < kSaneRsaKey)
-        report.add(Code::WeakKey, file.at("default_bits"), "an RSA key of " + size + " bits is too weak",
+        report.add(Code::WeakKey, file.at(SettingsKey::Bits), "an RSA key of " + size + " bits is too weak",
                    "Write at least 2048: many programs refuse shorter keys.");
 }
 
 void checkKeyType(const CheckedFile& file, const RequestProbe& probe, Report& report) {
-    const std::string type = file.values.text("CONFIG_KEY");
+    const std::string type = file.values.text(SettingsKey::KeyType);
     const std::string advice = "No certificate or request can be made: write PRIME256V1 or RSA2048.";
     if (type.empty())
         report.add(Code::NoKeyType, file.whole(), "'CONFIG_KEY' is missing", advice);
     else if (type == keywarden::KEY_RSA2048)
         checkRsaSize(file, probe.data().public_key_size_bits, report);
     else if (type != keywarden::KEY_PRIME256V1)
-        report.add(Code::UnknownKeyType, file.at("CONFIG_KEY"), quoted(type) + " is no kind of key", advice);
-    else if (file.values.has("default_bits"))
-        report.add(Code::WithoutEffect, file.at("default_bits"),
+        report.add(Code::UnknownKeyType, file.at(SettingsKey::KeyType), quoted(type) + " is no kind of key",
+                   advice);
+    else if (file.values.has(SettingsKey::Bits))
+        report.add(Code::WithoutEffect, file.at(SettingsKey::Bits),
                    "'default_bits' has no effect without 'CONFIG_KEY RSA2048'", "Remove the line.");
 }
 
 void checkDigest(const CheckedFile& file, Report& report) {
     std::string digest;
-    for (const unsigned char character : file.values.text("default_md"))
+    for (const unsigned char character : file.values.text(SettingsKey::Digest))
         digest += static_cast<char>(std::tolower(character));
     if (!digest.empty() && digest != "sha256" && digest != "sha-256")
-        report.add(Code::WithoutEffect, file.at("default_md"),
+        report.add(Code::WithoutEffect, file.at(SettingsKey::Digest),
                    "'default_md' has no effect: the daemon always signs with SHA-256", "Remove the line.");
 }
 
@@ -58,7 +59,7 @@ std::string adviceFor(const std::string& value) {
 }
 
 void checkExtensions(const CheckedFile& file, const RequestProbe& probe, Report& report) {
-    for (const std::string& key : probe.refusedExtensions())
+    for (const ConfigKey& key : probe.refusedExtensions())
         report.add(
             Code::RefusedExtension, file.at(key),
             quoted(key) + " is left out, OpenSSL does not take its value " + quoted(file.values.text(key)),
@@ -66,13 +67,15 @@ void checkExtensions(const CheckedFile& file, const RequestProbe& probe, Report&
 }
 
 void checkSubject(const CheckedFile& file, const RequestProbe& probe, Report& report) {
-    for (const std::string& key : probe.refusedSubject())
+    for (const ConfigKey& key : probe.refusedSubject())
         report.add(Code::RefusedSubject, file.at(key),
                    quoted(key) + " is left out of the subject, OpenSSL does not take its value " +
                        quoted(file.values.text(key)),
-                   key == "C" ? "A country has exactly two letters."
-                              : "It is too long, or holds letters that are not allowed there.");
-    for (const std::string key : {"C", "ST", "L", "O", "OU"}) {
+                   &key.row() == &rowOf(SettingsKey::Country)
+                       ? "A country has exactly two letters."
+                       : "It is too long, or holds letters that are not allowed there.");
+    for (const SettingsKey key : {SettingsKey::Country, SettingsKey::State, SettingsKey::City,
+                                  SettingsKey::Company, SettingsKey::Division}) {
         if (!file.values.has(key))
             report.add(Code::EmptySubject, file.whole(),
                        quoted(key) + " is missing: the subject gets it empty",
@@ -81,10 +84,10 @@ void checkSubject(const CheckedFile& file, const RequestProbe& probe, Report& re
 }
 
 void checkCommonName(const Subject& subject, const CheckedFile& file, Report& report) {
-    const std::string script = file.values.text("commonNameScript");
-    const bool named = file.values.has("CN");
+    const std::string script = file.values.text(SettingsKey::CommonNameScript);
+    const bool named = file.values.has(SettingsKey::CommonName);
     if (named && !script.empty())
-        report.add(Code::WithoutEffect, file.at("commonNameScript"),
+        report.add(Code::WithoutEffect, file.at(SettingsKey::CommonNameScript),
                    "'commonNameScript' is never run beside 'CN'", "Remove one of the two lines.");
     if (!named && script.empty())
         report.add(Code::NoCommonName, file.whole(), "neither 'CN' nor 'commonNameScript' is set",
@@ -96,16 +99,16 @@ void checkCommonName(const Subject& subject, const CheckedFile& file, Report& re
         report.addNotLookedAt(answer.where, answer.reason);
     else if (answer.access == Access::Missing ||
              (answer.access == Access::Refused && subject.identity.isKnown()))
-        report.add(Code::CommonNameScript, file.at("commonNameScript"),
+        report.add(Code::CommonNameScript, file.at(SettingsKey::CommonNameScript),
                    "the daemon user " + quoted(subject.user) + " cannot run " + quoted(script),
                    "The subject would have no name: put the program there, with mode 0755.");
-    checkOpenToOthers(file.at("commonNameScript"), script, report);
+    checkOpenToOthers(file.at(SettingsKey::CommonNameScript), script, report);
 }
 
 }  // namespace
 
 void checkSettingsFile(const Subject& subject, const CheckedService& service, Report& report) {
-    const std::string path = service.file.values.text("cnfFile");
+    const std::string path = service.file.values.text(ServiceKey::CnfFile);
     CheckedFile file;
     try {
         file = CheckedFile(ConfigLines::read(path, Dialect::Settings));
@@ -116,8 +119,8 @@ void checkSettingsFile(const Subject& subject, const CheckedService& service, Re
             report.addNotLookedAt(path, error.what());
         return;
     }
-    checkKeys(file.lines, settingsKeys(), report);
-    checkRelativePaths(file.lines, settingsKeys(), report);
+    checkKeys(file.lines, keywarden::settingsKeys(), report);
+    checkRelativePaths(file.lines, keywarden::settingsKeys(), report);
     const RequestProbe probe(file.lines.values());
     checkKeyType(file, probe, report);
     checkDigest(file, report);

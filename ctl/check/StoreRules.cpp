@@ -111,8 +111,8 @@ std::vector<std::string> idsIn(const std::string& folder) {
 }
 
 void checkServerStore(RightsRules& rules, const CheckedService& service) {
-    const std::string group = service.file.values.text("managmentGroup");
-    const std::string keyGroup = service.file.values.text("keyGroup");
+    const std::string group = service.file.values.text(ServiceKey::ManagementGroup);
+    const std::string keyGroup = service.file.values.text(ServiceKey::KeyGroup);
     const keywarden::InternalCertificatesAccessor store(service.id, "server");
     for (const std::string& folder :
          {store.certificateDirectoryPath(), store.cachedDirectoryPath(), store.tmpDirectoryPath()})
@@ -131,7 +131,7 @@ void checkServerStore(RightsRules& rules, const CheckedService& service) {
 }
 
 void checkTrustedStore(RightsRules& rules, const CheckedService& service, const std::string& name) {
-    const std::string group = service.file.values.text("managmentGroup");
+    const std::string group = service.file.values.text(ServiceKey::ManagementGroup);
     const keywarden::ExternalCertificatesAccessor store(service.id, name);
     for (const std::string& folder :
          {store.certificateDirectoryPath(), store.cachedDirectoryPath(), store.tmpDirectoryPath()})
@@ -150,26 +150,26 @@ void checkTrustedStore(RightsRules& rules, const CheckedService& service, const 
 void checkDaemonFolders(const Subject& subject, Report& report) {
     const auto& values = subject.daemon.values;
     RightsRules rules(subject, report);
-    for (const char* const key : {"keywardDirectory", "namePipesDirectory"})
+    for (const DaemonKey key : {DaemonKey::KeywardDirectory, DaemonKey::NamePipesDirectory})
         rules.check(values.text(key), kFolder, subject.user);
-    rules.check(values.text("namePipesDirectory") + "/" + keywarden::kNotificationFifo,
-                keywarden::kInputFifoMode, values.text("notificationGroup"));
+    rules.check(values.text(DaemonKey::NamePipesDirectory) + "/" + keywarden::kNotificationFifo,
+                keywarden::kInputFifoMode, values.text(DaemonKey::NotificationGroup));
 }
 
 void checkStores(const Subject& subject, const CheckedService& service, Report& report) {
     const auto& daemon = subject.daemon.values;
-    const std::string group = service.file.values.text("managmentGroup");
+    const std::string group = service.file.values.text(ServiceKey::ManagementGroup);
     RightsRules rules(subject, report);
-    rules.check(daemon.text("keywardDirectory") + "/" + service.id, kFolder, group);
-    const std::string pipes = daemon.text("namePipesDirectory") + "/" + service.id;
+    rules.check(daemon.text(DaemonKey::KeywardDirectory) + "/" + service.id, kFolder, group);
+    const std::string pipes = daemon.text(DaemonKey::NamePipesDirectory) + "/" + service.id;
     rules.check(pipes, keywarden::kPipesFolderMode, group);
     rules.check(pipes + "/" + keywarden::inputFifoOf(service.id), keywarden::kInputFifoMode, group);
     rules.check(pipes + "/" + keywarden::requesterLockOf(service.id), keywarden::kRequesterLockMode, group);
-    if (service.file.values.isYes("server"))
+    if (service.file.values.isYes(ServiceKey::Server))
         checkServerStore(rules, service);
-    if (service.file.values.isYes("ca"))
+    if (service.file.values.isYes(ServiceKey::CA))
         checkTrustedStore(rules, service, "ca");
-    if (service.file.values.isYes("trustedClients"))
+    if (service.file.values.isYes(ServiceKey::TrustedClients))
         checkTrustedStore(rules, service, "client");
 }
 

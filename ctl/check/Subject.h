@@ -15,6 +15,15 @@ class ServiceConfiguration;
 
 namespace keywardctl::check {
 
+using keywarden::ConfigKey;
+using keywarden::DaemonKey;
+using keywarden::ServiceKey;
+using keywarden::SettingsKey;
+
+[[nodiscard]] inline std::string quoted(const ConfigKey& key) {
+    return quoted(key.name());
+}
+
 /// One configuration file: its lines, and its values as the daemon asks for them.
 struct CheckedFile {
     ConfigLines lines;
@@ -23,7 +32,7 @@ struct CheckedFile {
     CheckedFile() = default;
     explicit CheckedFile(ConfigLines fileLines) : lines(std::move(fileLines)), values(lines.values()) {}
 
-    [[nodiscard]] Place at(const std::string& key) const { return {lines.file(), lines.lineOf(key)}; }
+    [[nodiscard]] Place at(const ConfigKey& key) const { return {lines.file(), lines.lineOf(key.name())}; }
     [[nodiscard]] Place whole() const { return {lines.file()}; }
 };
 

@@ -10,10 +10,12 @@
 
 namespace keywardctl::check {
 
+using keywarden::BadValue;
+using keywarden::KeyKind;
+
 namespace {
 
 constexpr std::uint64_t kSecondsPerDay = 86400;
-constexpr std::int32_t kDefaultValidity = 30;
 // 9999-12-31 23:59:59 UTC: no certificate can end later.
 constexpr std::int64_t kLastSecond = 253402300799;
 
@@ -29,7 +31,7 @@ std::string lower(const std::string& text) {
 }
 
 /// "90 days" is read as 90.
-void checkRest(const CheckedFile& file, const std::string& key, Report& report) {
+void checkRest(const CheckedFile& file, const ConfigKey& key, Report& report) {
     const std::string text = file.values.text(key);
     const auto begin = text.find_first_of("0123456789");
     const auto end = text.find_first_not_of("0123456789", begin == std::string::npos ? 0 : begin);
@@ -41,69 +43,61 @@ void checkRest(const CheckedFile& file, const std::string& key, Report& report) 
                "Write the number alone.");
 }
 
-/// Runs a reader of the daemon's; what it throws is the finding.
-template <typename Read>
-void checkReading(const CheckedFile& file, const std::string& key, const std::string& range, Report& report,
-                  Read&& read) {
+std::string rangeOf(const KeyRow& key) {
+    if (key.bad == BadValue::Cut)
+        return "at least " + std::to_string(key.lowest);
+    return "from " + std::to_string(key.lowest) + " to " + std::to_string(key.highest);
+}
+
+bool isWithin(const KeyRow& key, std::uint64_t value) {
+    return value >= static_cast<std::uint64_t>(key.lowest) &&
+           value <= static_cast<std::uint64_t>(key.highest);
+}
+
+/// A number with which the service does not start. The daemon's own reader reads it.
+void checkRefused(const CheckedFile& file, const KeyRow& key, Report& report) {
     const std::string value = quoted(file.values.text(key));
+    const std::string range = rangeOf(key);
     const std::string advice = "The service does not start with it: write a number " + range + ".";
+    const auto addOutside = [&] {
+        report.add(Code::OutOfRange, file.at(key), quoted(key) + " is not " + range + ": " + value, advice);
+    };
     try {
-        if (read())
+        if (isWithin(key, file.values.number(key)))
             checkRest(file, key, report);
         else
-            report.add(Code::OutOfRange, file.at(key), quoted(key) + " is not " + range + ": " + value,
-                       advice);
+            addOutside();
     } catch (const std::invalid_argument&) {
         report.add(Code::NotANumber, file.at(key), quoted(key) + " is no number: " + value, advice);
     } catch (const std::out_of_range&) {
-        report.add(Code::OutOfRange, file.at(key), quoted(key) + " is not " + range + ": " + value, advice);
+        addOutside();
     }
 }
 
-void checkDailyOffset(const CheckedFile& file, Report& report) {
-    static const std::string kKey = "CertDailyExpiryChkTimeOffsetSecs";
-    if (file.values.has(kKey))
-        checkReading(file, kKey, "from 0 to 86399", report,
-                     [&file] { return file.values.number(kKey) < kSecondsPerDay; });
-}
-
-void checkCallbackTimeout(const CheckedFile& file, Report& report) {
-    static const std::string kKey = "callbackTimeoutSecs";
-    if (!file.values.has(kKey))
-        return;
-    const std::int32_t seconds = file.values.positiveNumber(kKey, 0);
-    if (seconds < 1 || seconds > static_cast<std::int32_t>(kSecondsPerDay))
-        report.add(Code::IgnoredNumber, file.at(kKey),
-                   quoted(kKey) + " is not from 1 to 86400: " + quoted(file.values.text(kKey)) +
-                       " is ignored and the callback has no time-out",
-                   "Write a number of seconds.");
-    else
-        checkRest(file, kKey, report);
-}
-
-void checkLimit(const CheckedFile& file, const std::string& key, Report& report) {
-    if (file.values.has(key))
-        checkReading(file, key, "from 0 to 65535", report, [&] {
-            static_cast<void>(file.values.shortNumber(key));
-            return true;
-        });
-}
-
-/// A number below `least` is passed over.
-void checkDays(const CheckedFile& file, const std::string& key, long long least, std::int32_t instead,
-               Report& report) {
-    if (!file.values.has(key))
-        return;
+/// A number that is passed over.
+void checkIgnored(const CheckedFile& file, const KeyRow& key, Report& report) {
     const std::string text = file.values.text(key);
     char* end = nullptr;
-    const long long days = std::strtoll(text.c_str(), &end, 10);
-    if (end == text.c_str() || days < least)
-        report.add(Code::IgnoredNumber, file.at(key),
-                   quoted(key) + " is not at least " + std::to_string(least) + ": " + quoted(text) +
-                       " is ignored and " + std::to_string(instead) + " counts",
-                   "Write a number of days.");
-    else
+    const std::int64_t value = std::strtoll(text.c_str(), &end, 10);
+    const bool isTooHigh = key.bad == BadValue::Ignored && value > key.highest;
+    if (end != text.c_str() && value >= key.lowest && !isTooHigh) {
         checkRest(file, key, report);
+        return;
+    }
+    const std::string instead =
+        key.instead.empty() ? std::to_string(key.absent) + " counts" : std::string(key.instead);
+    report.add(Code::IgnoredNumber, file.at(key),
+               quoted(key) + " is not " + rangeOf(key) + ": " + quoted(text) + " is ignored and " + instead,
+               "Write a number of " + std::string(key.unit) + ".");
+}
+
+void checkNumber(const CheckedFile& file, const KeyRow& key, Report& report) {
+    if (key.kind != KeyKind::Number || !file.values.has(key))
+        return;
+    if (key.bad == BadValue::Refused)
+        checkRefused(file, key, report);
+    else
+        checkIgnored(file, key, report);
 }
 
 /// The daemon counts the seconds from now to the end of a certificate in a long. On a 64-bit device all fit.
@@ -112,7 +106,7 @@ std::int64_t mostDaysFromNow(std::size_t bytesOfLong) {
     return (bytesOfLong <= kNarrow ? INT32_MAX : INT64_MAX) / static_cast<std::int64_t>(kSecondsPerDay);
 }
 
-void checkEnd(const CheckedFile& file, const std::string& key, std::int64_t validity, std::int64_t offset,
+void checkEnd(const CheckedFile& file, const ConfigKey& key, std::int64_t validity, std::int64_t offset,
               std::size_t bytesOfLong, Report& report) {
     const std::string days = std::to_string(validity) + " days";
     const std::int64_t most = mostDaysFromNow(bytesOfLong);
@@ -126,13 +120,10 @@ void checkEnd(const CheckedFile& file, const std::string& key, std::int64_t vali
                    "Write at most " + std::to_string(most + offset) + " days.");
 }
 
-void checkPeriod(const CheckedFile& file, const std::string& kind, std::size_t bytesOfLong, Report& report) {
-    const std::string validityKey = kind + "Validity";
-    const std::string offsetKey = kind + "ValidityOffset";
-    checkDays(file, validityKey, 1, kDefaultValidity, report);
-    checkDays(file, offsetKey, 0, 0, report);
-    const std::int64_t validity = file.values.positiveNumber(validityKey, kDefaultValidity);
-    const std::int64_t offset = file.values.positiveNumber(offsetKey, 0);
+void checkPeriod(const CheckedFile& file, const ConfigKey& validityKey, const ConfigKey& offsetKey,
+                 std::size_t bytesOfLong, Report& report) {
+    const std::int64_t validity = file.values.lenientNumber(validityKey);
+    const std::int64_t offset = file.values.lenientNumber(offsetKey);
     if (file.values.has(offsetKey) && offset >= validity)
         report.add(Code::OutOfRange, file.at(offsetKey),
                    quoted(offsetKey) + " is not less than the validity: " + std::to_string(offset) + " of " +
@@ -141,44 +132,66 @@ void checkPeriod(const CheckedFile& file, const std::string& kind, std::size_t b
     checkEnd(file, validityKey, validity, offset, bytesOfLong, report);
 }
 
-void checkUnused(const CheckedFile& file, const std::string& key, const std::string& wanted, Report& report) {
+void checkUnused(const CheckedFile& file, const ConfigKey& key, const ConfigKey& wanted, Report& report) {
+    const std::string line = quoted(wanted.name() + " yes");
     if (file.values.has(key))
-        report.add(Code::WithoutEffect, file.at(key),
-                   quoted(key) + " has no effect without " + quoted(wanted),
-                   "Add " + quoted(wanted) + " or remove the line.");
+        report.add(Code::WithoutEffect, file.at(key), quoted(key) + " has no effect without " + line,
+                   "Add " + line + " or remove the line.");
 }
 
-void checkStoreLimits(const CheckedFile& file, Report& report) {
-    if (file.values.isYes("ca"))
-        checkLimit(file, "maximumCA", report);
-    else
-        checkUnused(file, "uniqueCaByCn", "ca yes", report);
-    if (!file.values.isYes("trustedClients")) {
-        checkUnused(file, "maximumTrustedClients", "trustedClients yes", report);
-        checkUnused(file, "uniqueTrustedClientByCn", "trustedClients yes", report);
-    } else if (file.values.has("maximumCA")) {
-        checkLimit(file, "maximumTrustedClients", report);
-    } else if (file.values.has("maximumTrustedClients")) {
-        report.add(Code::ClientsLimitIgnored, file.at("maximumTrustedClients"),
+void checkClientsLimit(const CheckedFile& file, Report& report) {
+    if (file.values.has(ServiceKey::MaximumTrustedClients) && !file.values.has(ServiceKey::MaximumCA))
+        report.add(Code::ClientsLimitIgnored, file.at(ServiceKey::MaximumTrustedClients),
                    "'maximumTrustedClients' counts only beside 'maximumCA': the store takes any number of "
                    "certificates",
                    "Add a line 'maximumCA 0' (no limit for CAs) or with another number.");
+}
+
+void checkStoreKeys(const CheckedFile& file, Report& report) {
+    // Without the store this limit still lets the other one count.
+    if (!file.values.isYes(ServiceKey::CA))
+        checkUnused(file, ServiceKey::UniqueCaByCn, ServiceKey::CA, report);
+    if (file.values.isYes(ServiceKey::TrustedClients)) {
+        checkClientsLimit(file, report);
+        return;
+    }
+    checkUnused(file, ServiceKey::MaximumTrustedClients, ServiceKey::TrustedClients, report);
+    checkUnused(file, ServiceKey::UniqueTrustedClientByCn, ServiceKey::TrustedClients, report);
+}
+
+/// The limit of a store that is switched off is not even read.
+bool isRead(const CheckedFile& file, const KeyRow& key) {
+    if (&key == &rowOf(ServiceKey::MaximumCA))
+        return file.values.isYes(ServiceKey::CA);
+    if (&key == &rowOf(ServiceKey::MaximumTrustedClients))
+        return file.values.isYes(ServiceKey::TrustedClients) && file.values.has(ServiceKey::MaximumCA);
+    return true;
+}
+
+void checkNumbers(const CheckedFile& file, Report& report) {
+    for (const KeyRow& key : keywarden::serviceKeys()) {
+        if (isRead(file, key))
+            checkNumber(file, key, report);
     }
 }
 
 // The switch that all of a server certificate hangs on is easily lost.
 void checkServerKeys(const CheckedFile& file, Report& report) {
-    if (file.values.isYes("server"))
+    if (file.values.isYes(ServiceKey::Server))
         return;
-    for (const char* key : {"selfSignedGeneration", "selfSignedOnExpiration", "CASignedGeneration",
-                            "CASignedOnExpiration", "includeFQDN", "networkInterface.0"})
+    const std::vector<ConfigKey> keys = {ServiceKey::SelfSignedGeneration, ServiceKey::SelfSignedOnExpiration,
+                                         ServiceKey::CASignedGeneration,   ServiceKey::CASignedOnExpiration,
+                                         ServiceKey::IncludeFQDN,          {ServiceKey::NetworkInterface, 0}};
+    for (const ConfigKey& key : keys) {
         if (file.values.text(key) != "no")
-            checkUnused(file, key, "server yes", report);
+            checkUnused(file, key, ServiceKey::Server, report);
+    }
 }
 
 void checkAuthorityKeys(const CheckedFile& file, Report& report) {
-    if (!file.values.isYes("CASignedGeneration") && !file.values.isYes("CASignedOnExpiration"))
-        checkUnused(file, "CAServiceId", "CASignedGeneration yes", report);
+    if (!file.values.isYes(ServiceKey::CASignedGeneration) &&
+        !file.values.isYes(ServiceKey::CASignedOnExpiration))
+        checkUnused(file, ServiceKey::CAServiceId, ServiceKey::CASignedGeneration, report);
 }
 
 }  // namespace
@@ -186,7 +199,7 @@ void checkAuthorityKeys(const CheckedFile& file, Report& report) {
 void checkSwitches(const ConfigLines& lines, const KeyTable& table, Report& report) {
     static const std::set<std::string> kOff = {"no", "off", "false", "0"};
     for (const ConfigLine& line : lines.lines()) {
-        const Key* const key = line.sets ? findKey(table, line.key) : nullptr;
+        const KeyRow* const key = line.sets ? findKey(table, line.key) : nullptr;
         const bool counts =
             key != nullptr && key->kind == KeyKind::Switch && lines.lineOf(line.key) == line.number;
         const bool isClear =
@@ -200,7 +213,7 @@ void checkSwitches(const ConfigLines& lines, const KeyTable& table, Report& repo
 
 void checkRelativePaths(const ConfigLines& lines, const KeyTable& table, Report& report) {
     for (const ConfigLine& line : lines.lines()) {
-        const Key* const key = line.sets ? findKey(table, line.key) : nullptr;
+        const KeyRow* const key = line.sets ? findKey(table, line.key) : nullptr;
         if (key != nullptr && key->kind == KeyKind::Path && !line.value.empty() && line.value.front() != '/')
             report.add(Code::RelativePath, {lines.file(), line.number},
                        quoted(line.key) + " is relative to '/', the daemon's folder: " + quoted(line.value),
@@ -209,14 +222,14 @@ void checkRelativePaths(const ConfigLines& lines, const KeyTable& table, Report&
 }
 
 void checkServiceValues(const CheckedFile& file, Report& report, std::size_t bytesOfLong) {
-    checkSwitches(file.lines, serviceKeys(), report);
-    checkRelativePaths(file.lines, serviceKeys(), report);
-    checkDailyOffset(file, report);
-    checkCallbackTimeout(file, report);
-    checkPeriod(file, "selfSigned", bytesOfLong, report);
-    checkPeriod(file, "CASigned", bytesOfLong, report);
+    checkSwitches(file.lines, keywarden::serviceKeys(), report);
+    checkRelativePaths(file.lines, keywarden::serviceKeys(), report);
+    checkNumbers(file, report);
+    checkPeriod(file, ServiceKey::SelfSignedValidity, ServiceKey::SelfSignedValidityOffset, bytesOfLong,
+                report);
+    checkPeriod(file, ServiceKey::CASignedValidity, ServiceKey::CASignedValidityOffset, bytesOfLong, report);
     checkServerKeys(file, report);
-    checkStoreLimits(file, report);
+    checkStoreKeys(file, report);
     checkAuthorityKeys(file, report);
 }
 

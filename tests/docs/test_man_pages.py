@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """The man pages are well-formed, and they and the programs know the same configuration keys and options.
 
-KEYWARDCTL names the client; without it its options are not looked at.
+CONFIG_KEYS names the program that prints the tables of the keys. KEYWARDCTL names the client; without it its options
+are not looked at.
 """
 
 import glob
@@ -9,8 +10,7 @@ import os
 import re
 import subprocess
 import unittest
-
-from kwdocs.source_text import literals_of
+from dataclasses import dataclass, replace
 
 TOP = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
 MAN = f"{TOP}/docs/man"
@@ -28,18 +28,60 @@ def pages():
     return sorted(os.path.basename(path) for path in glob.glob(f"{MAN}/*.[1-8]"))
 
 
-def keys_read_by(path, statement):
-    """The literals that stand directly behind a call that looks a key up."""
-    return {literal.text for literal in literals_of(f"{TOP}/{path}", path)
-            if re.search(statement, literal.statement) and re.fullmatch(r"[A-Za-z0-9_.]+", literal.text)}
+@dataclass(frozen=True)
+class Key:
+    """A row of the program's tables. A numbered key ends in ".N"."""
+    file: str
+    name: str
+    kind: str
+    need: str
+    lowest: int
+    highest: int
+    absent: int
+    instead: str
+    unit: str
+    help: str
 
 
-def documented_keys(text):
-    """What the items of a page's lists describe."""
-    found = set()
-    for line in re.findall(r"^\.It Ic (.*)$", text, re.MULTILINE):
-        line = line.replace(r"\&", "").split(" Ar ")[0].replace(" Ns", "")
-        found |= {word for word in re.split(r"[ ,]+", line) if word}
+def table(file):
+    """The rows of "daemon", "service" or "settings", as the program has them."""
+    run = subprocess.run([os.environ["CONFIG_KEYS"]], capture_output=True, text=True, check=True)
+    rows = [Key(*line.split("\t")) for line in run.stdout.splitlines()]
+    return [replace(row, lowest=int(row.lowest), highest=int(row.highest), absent=int(row.absent))
+            for row in rows if row.file == file]
+
+
+def plain(lines):
+    """What a reader sees of a few lines of a page."""
+    words = []
+    for line in lines:
+        if re.match(r"\.(Ss|Sh|El|Bl|Pp)\b", line):
+            break
+        if line.startswith(".Xr "):
+            line = re.sub(r"^\.Xr (\S+) (\d) ?", r"\1(\2) ", line)
+        words += re.sub(r"^\.(Ic|Pa|Ql|Ar|Sx|Dq|Sq|Pq) ", "", line).replace(r"\& Ns Ar ", "").split()
+    return re.sub(r" ([.,:;)])(?= |$)", r"\1", " ".join(words))
+
+
+def described_keys(text):
+    """The keys that the items of a page's lists describe, in their order, each with the plain text that is told of
+    it. Items directly behind each other share one."""
+    found, waiting = {}, []
+    lines = text.split("\n")
+    for number, line in enumerate(lines):
+        if not line.startswith(".It Ic "):
+            continue
+        names = line[len(".It Ic "):].replace(r"\&", "").replace(" Ns Ar N", "N").split(" Ar ")[0]
+        waiting += [word for word in re.split(r"[ ,]+", names) if word]
+        if lines[number + 1].startswith(".It "):
+            continue
+        rest = lines[number + 1:]
+        end = next(index for index, one in enumerate(rest) if one.startswith((".It ", ".El")))
+        for name in waiting:
+            if name in found:
+                raise ValueError(f"{name} is described twice")
+            found[name] = plain(rest[:end])
+        waiting = []
     return found
 
 
@@ -63,24 +105,58 @@ class Form(unittest.TestCase):
 
 
 class Keys(unittest.TestCase):
-    def test_the_daemon_file_has_these_and_no_others(self):
-        parsed = keys_read_by("config/DaemonConfiguration.cpp", r"\( values ,$|values \. find \($")
-        self.assertGreaterEqual(len(parsed), 11)
-        self.assertEqual(documented_keys(read("keywardd.conf.5")), parsed)
+    """The keys of each page are those of the program's table, and what the page says of one is what its row says."""
 
-    def test_a_service_file_has_these_and_no_others(self):
-        parsed = keys_read_by("config/ServiceConfiguration.cpp", r"values \. \w+ \($|kKey =$")
-        self.assertGreaterEqual(len(parsed), 34)
-        documented = documented_keys(read("keyward-service.conf.5").split(".Sh SETTINGS FILE")[0])
-        self.assertEqual({key.rstrip("N") if key.endswith(".N") else key for key in documented}, parsed)
+    # The table that a page or a part of one describes.
+    def parts(self):
+        service = read("keyward-service.conf.5").split(".Sh SETTINGS FILE")
+        return {"daemon": read("keywardd.conf.5"), "service": service[0],
+                "settings": service[1].split(".Ss Hook program")[0]}
 
-    def test_a_settings_file_has_these_and_no_others(self):
-        parsed = set()
-        for path in glob.glob(f"{TOP}/cnf/*.cpp"):
-            parsed |= keys_read_by(os.path.relpath(path, TOP), r"isConfigPresent \( \w+ ,$")
-        self.assertGreaterEqual(len(parsed), 15)
-        settings = read("keyward-service.conf.5").split(".Sh SETTINGS FILE")[1].split(".Ss Hook program")[0]
-        self.assertEqual(documented_keys(settings), parsed)
+    def every_row(self):
+        for file, text in self.parts().items():
+            told = described_keys(text)
+            for key in table(file):
+                yield key, told.get(key.name, "")
+
+    def test_a_page_describes_every_key_and_no_other(self):
+        for file, text in self.parts().items():
+            with self.subTest(file=file):
+                self.assertGreater(len(table(file)), 10)
+                self.assertEqual(sorted(described_keys(text)), sorted(key.name for key in table(file)))
+
+    def test_an_item_begins_with_the_help_of_its_key(self):
+        for key, told in self.every_row():
+            with self.subTest(file=key.file, key=key.name):
+                self.assertEqual(told[:len(key.help)], key.help)
+
+    def test_every_default_is_told(self):
+        for key, told in self.every_row():
+            with self.subTest(file=key.file, key=key.name):
+                if key.instead:
+                    self.assertIn(f"Without this key, or with another value (which is logged), {key.instead}", told)
+                elif key.kind in ("switch", "number"):
+                    default = "no" if key.kind == "switch" else str(key.absent)
+                    self.assertRegex(told, rf"The default (is )?{default}(?![0-9a-z])")
+
+    def test_every_range_is_told(self):
+        ranges = 0
+        for key, told in self.every_row():
+            # Where it is not just what a number can be.
+            if key.kind == "number" and key.highest < 2**31 - 1:
+                ranges += 1
+                with self.subTest(file=key.file, key=key.name):
+                    self.assertRegex(told, rf"(?<![0-9]){key.lowest} to {key.highest}(?![0-9])")
+        self.assertGreater(ranges, 4)
+
+    def test_every_required_key_is_told_to_be(self):
+        daemon = [key.name for key in table("daemon") if key.need == "required"]
+        self.assertIn("The first eight are required.", self.parts()["daemon"])
+        self.assertEqual(sorted(list(described_keys(self.parts()["daemon"]))[:8]), sorted(daemon))
+        for key, told in self.every_row():
+            if key.file != "daemon" and key.need == "required":
+                with self.subTest(file=key.file, key=key.name):
+                    self.assertRegex(told, r"\bRequired\b")
 
 
 class Interface(unittest.TestCase):

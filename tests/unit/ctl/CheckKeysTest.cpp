@@ -6,7 +6,7 @@
 
 #include "CheckedDevice.h"
 #include "ctl/check/ConfigLines.h"
-#include "ctl/check/KeyTables.h"
+#include "ctl/check/KeySearch.h"
 #include "ctl/check/Rules.h"
 #include "support/Tools.h"
 
@@ -62,14 +62,14 @@ TEST_F(CheckKeys, AMisspeltKeyIsToldWithTheNearestOne) {
 
 TEST(CheckKeyTables, TheNearestKeyIsFoundAndAFarOneIsNone) {
     using keywardctl::check::nearestKey;
-    const auto& keys = keywardctl::check::serviceKeys();
+    const auto& keys = keywarden::serviceKeys();
     EXPECT_EQ(nearestKey(keys, "managementGroup"), "managmentGroup");
     EXPECT_EQ(nearestKey(keys, "SERVER"), "server");
     EXPECT_EQ(nearestKey(keys, "includeIpv4.12"), "includeIPv4.12");
     EXPECT_EQ(nearestKey(keys, "includeIPv4"), "includeIPv4.0");
     EXPECT_EQ(nearestKey(keys, "certificate"), "");
-    EXPECT_EQ(nearestKey(keywardctl::check::settingsKeys(), "X"), "");
-    EXPECT_EQ(nearestKey(keywardctl::check::settingsKeys(), "cn"), "CN");
+    EXPECT_EQ(nearestKey(keywarden::settingsKeys(), "X"), "");
+    EXPECT_EQ(nearestKey(keywarden::settingsKeys(), "cn"), "CN");
     EXPECT_EQ(keywardctl::check::findKey(keys, "networkInterface.01"), nullptr);
     EXPECT_NE(keywardctl::check::findKey(keys, "networkInterface.10"), nullptr);
 }
