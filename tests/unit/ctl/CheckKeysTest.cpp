@@ -352,6 +352,77 @@ TEST_F(CheckKeys, WhatOnlyTheDaemonRefusesIsToldInItsWords) {
                     "~/nowhere [daemon-refused]"));
 }
 
+// Of every row of the tables, whatever stands there.
+
+namespace {
+
+using keywardctl::check::KeyRow;
+using keywardctl::check::KeyTable;
+using keywarden::KeyKind;
+
+std::string nameOf(const KeyRow& row) {
+    return (row.numbered ? keywarden::ConfigKey(row, 0) : keywarden::ConfigKey(row)).name();
+}
+
+/// What the values of a file are told whose first line is that of the key.
+std::vector<std::string> toldOf(const KeyTable& table, const KeyRow& row, const std::string& value) {
+    // A limit is read beside its store only, and that of the clients beside the other one.
+    const std::string content = nameOf(row) + " " + value + "\nca yes\ntrustedClients yes\nmaximumCA 5\n";
+    const keywardctl::check::CheckedFile file(ConfigLines("f", content, Dialect::Configuration));
+    keywardctl::check::Report report;
+    if (table.begin() == keywarden::daemonKeys().begin())
+        keywardctl::check::checkDaemonValues(file, report);
+    else
+        keywardctl::check::checkServiceValues(file, report);
+    return findingLines(reportText(report));
+}
+
+/// Every row of that kind in the daemon's and the services' table must be told so.
+void expectTold(KeyKind kind, const std::string& value, const std::string& expected) {
+    for (const KeyTable& table : {keywarden::daemonKeys(), keywarden::serviceKeys()}) {
+        for (const KeyRow& row : table) {
+            if (row.kind != kind)
+                continue;
+            const std::string finding = "^f:1: .*'" + nameOf(row) + "' .*" + expected + "$";
+            EXPECT_THAT(toldOf(table, row, value), testing::Contains(testing::ContainsRegex(finding)));
+        }
+    }
+}
+
+}  // namespace
+
+TEST_F(CheckKeys, EveryKeyOfTheTablesIsKnownInItsFile) {
+    const auto appendAll = [this](const std::string& name, const KeyTable& table) {
+        for (const KeyRow& row : table)
+            device.append(name, nameOf(row) + " 1");
+    };
+    appendAll("config.daemon", keywarden::daemonKeys());
+    appendAll("services/web.conf", keywarden::serviceKeys());
+    appendAll("web.cnf", keywarden::settingsKeys());
+    const auto told = device.check();
+    EXPECT_THAT(told, testing::Not(testing::Contains(testing::HasSubstr("[unknown-key]"))));
+    // All three were looked at.
+    EXPECT_THAT(told, testing::IsSupersetOf({testing::StartsWith("~/config.daemon:9: warning: "),
+                                             testing::StartsWith("~/services/web.conf:9: warning: "),
+                                             testing::StartsWith("~/web.cnf:9: warning: ")}));
+}
+
+TEST(CheckEveryKey, ASwitchThatIsNotYesIsTold) {
+    expectTold(KeyKind::Switch, "Yes", "\\[not-yes\\]");
+}
+
+TEST(CheckEveryKey, ARelativePathIsTold) {
+    expectTold(KeyKind::Path, "some/where", "\\[relative-path\\]");
+}
+
+TEST(CheckEveryKey, ANumberThatIsNoneIsTold) {
+    expectTold(KeyKind::Number, "soon", "\\[(not-a|ignored)-number\\]");
+}
+
+TEST(CheckEveryKey, ANumberBelowTheLowestIsTold) {
+    expectTold(KeyKind::Number, "-3000000000", "\\[(out-of-range|ignored-number)\\]");
+}
+
 TEST(CheckLines, TheRawReaderAgreesWithTheDaemonsOnEveryFile) {
     std::mt19937 random(7);  // NOLINT(cert-msc51-cpp): the same files at every run
     std::size_t keys = 0;
