@@ -117,7 +117,7 @@ constexpr Rows<DaemonKey> kDaemonKeys = {{
           "A service that fails in a change of network or time is logged, at ERR and with the same text, and "
           "the other services are told of the change all the same."),
 }};
-static_assert(isInOrder(kDaemonKeys));
+static_assert(isInOrder(kDaemonKeys), "a constant has no row, or a row stands in another's place");
 
 constexpr Rows<ServiceKey> kServiceKeys = {{
     text(ServiceKey::Name, "name", "For people."),
@@ -190,7 +190,7 @@ constexpr Rows<ServiceKey> kServiceKeys = {{
     onOff(ServiceKey::UniqueTrustedClientByCn, "uniqueTrustedClientByCn",
           "One certificate of a client for each subject name"),
 }};
-static_assert(isInOrder(kServiceKeys));
+static_assert(isInOrder(kServiceKeys), "a constant has no row, or a row stands in another's place");
 
 constexpr std::string_view kSubject = "Country (two letters), state, city, organisation and unit.";
 constexpr std::string_view kExtension = "Extensions, as values of x509v3_config(5).";
@@ -214,7 +214,7 @@ constexpr Rows<SettingsKey> kSettingsKeys = {{
     path(SettingsKey::CommonNameScript, "commonNameScript",
          "A program that prints the common name, run when there is no CN."),
 }};
-static_assert(isInOrder(kSettingsKeys));
+static_assert(isInOrder(kSettingsKeys), "a constant has no row, or a row stands in another's place");
 
 }  // namespace
 

@@ -12,6 +12,8 @@ import subprocess
 import unittest
 from dataclasses import dataclass, replace
 
+from kwdocs.source_text import literals_of
+
 TOP = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
 MAN = f"{TOP}/docs/man"
 CLIENT = os.environ.get("KEYWARDCTL", "")
@@ -157,6 +159,12 @@ class Keys(unittest.TestCase):
             if key.file != "daemon" and key.need == "required":
                 with self.subTest(file=key.file, key=key.name):
                     self.assertRegex(told, r"\bRequired\b")
+
+
+    def test_no_reader_of_settings_asks_by_a_text_of_its_own(self):
+        own = [literal for path in glob.glob(f"{TOP}/cnf/*.cpp") for literal in literals_of(path, path)
+               if re.search(r"isConfigPresent \( \w+ ,$", literal.statement)]
+        self.assertEqual(own, [])
 
 
 class Interface(unittest.TestCase):

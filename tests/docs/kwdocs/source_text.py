@@ -69,8 +69,9 @@ def all_literals(root):
     return found
 
 
-# Statements whose texts go to nobody who looks for a fault: traces, and the rows of the keys with what the manual says.
-HARMLESS = re.compile(r"\bdebugTrace \(|Log::write \( Severity(?:Notice|Info)\b|"
+# Statements whose texts go to nobody who looks for a fault: traces, what the compiler says, and the rows of the
+# keys with what the manual says.
+HARMLESS = re.compile(r"\bdebugTrace \(|\bstatic_assert \(|Log::write \( Severity(?:Notice|Info)\b|"
                       r"\b(?:text|path|onOff|number) \( (?:Daemon|Service|Settings)Key::")
 FAILURE = re.compile(r"Severity(?:Error|Warning|Emergency)|\bthrow\b|exitDaemon|essage \(|\bfail|refuse|noText|"
                      r"logged \(")
