@@ -2,6 +2,7 @@
 
 #include <sstream>
 
+#include "config/ConfigKeys.h"
 #include "support/Debug.h"
 
 namespace keywarden {

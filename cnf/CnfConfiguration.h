@@ -4,9 +4,10 @@
 #include <string>
 
 #include "cnf/CCertificateData.h"
-#include "config/ConfigKeys.h"
 
 namespace keywarden {
+
+class ConfigKey;
 
 /// The settings a service's keys, requests and certificates are made from: the base of both their sources.
 class CnfConfiguration {

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "channel/Answer.h"
+#include "config/ConfigKeys.h"
 #include "support/Debug.h"
 #include "support/Exec.h"
 #include "support/Failure.h"

@@ -125,7 +125,6 @@ class KeyTable {
 
     [[nodiscard]] constexpr const KeyRow* begin() const { return rows_; }
     [[nodiscard]] constexpr const KeyRow* end() const { return rows_ + size_; }
-    [[nodiscard]] constexpr std::size_t size() const { return size_; }
 
   private:
     const KeyRow* rows_;
