@@ -8,8 +8,8 @@
 #include <climits>
 #include <cstdio>
 
+#include "support/Debug.h"
 #include "x509/CryptoFailure.h"
-#include "x509/KeyGeneration.h"
 #include "x509/KeyTypes.h"
 #include "x509/MemoryWatch.h"
 #include "x509/OpenSslPtr.h"
@@ -47,6 +47,20 @@ class ReadAhead {
   private:
     std::array<char, 4096> bytes_{};
 };
+
+EvpPkeyPtr generateKeyPair(const std::string& typeName, int rsaBits) {
+    EvpPkeyPtr key(EVP_PKEY_new());
+    if (!key) {
+        throwCryptoFailure("Creation of new private key failed.");
+    }
+    debugTrace("Created new private key for the certificate.");
+    const KeyType* const type = findKeyType(typeName);
+    if (type == nullptr) {
+        throwCryptoFailure("Unsupported key format.");
+    }
+    type->generate(key.get(), rsaBits);
+    return key;
+}
 
 }  // namespace
 
@@ -115,21 +129,8 @@ std::string privateKeyToPem(const EVP_PKEY_T& key) {
 }
 
 std::string getPublicKeyType(const EVP_PKEY_T& key) {
-    if (key.get() == nullptr) {
-        return std::string();
-    }
-    switch (EVP_PKEY_type(EVP_PKEY_get_id(key.get()))) {
-        case EVP_PKEY_RSA:
-            return PUBLIC_KEY_RSA;
-        case EVP_PKEY_DSA:
-            return PUBLIC_KEY_DSA;
-        case EVP_PKEY_DH:
-            return PUBLIC_KEY_DH;
-        case EVP_PKEY_EC:
-            return PUBLIC_KEY_ECC;
-        default:
-            return std::string();
-    }
+    const KeyType* const type = keyTypeOf(key.get());
+    return type == nullptr ? std::string() : std::string(type->description);
 }
 
 }  // namespace keywarden

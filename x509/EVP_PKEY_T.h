@@ -38,7 +38,7 @@ class EVP_PKEY_T {
 /// The private key as unencrypted PEM. Throws std::runtime_error. The caller cleanses the text (Secret.h).
 [[nodiscard]] std::string privateKeyToPem(const EVP_PKEY_T& key);
 
-/// "rsa", "dsa", "dh", "ecc", or the empty string for any other type or no key.
+/// The description of its type in KeyTypes.cpp ("rsa", "ecc" ...); empty for any other type and for no key.
 [[nodiscard]] std::string getPublicKeyType(const EVP_PKEY_T& key);
 
 }  // namespace keywarden

@@ -14,7 +14,7 @@
 #include "support/Debug.h"
 #include "support/Log.h"
 #include "x509/CryptoFailure.h"
-#include "x509/KeyTypes.h"
+#include "x509/OpenSslPtr.h"
 
 namespace keywarden {
 
@@ -52,8 +52,8 @@ void assignRsa(EVP_PKEY* key, RsaPtr rsa) {
     static_cast<void>(rsa.release());  // the key owns it now
 }
 
-EcKeyPtr generateEc() {
-    EcKeyPtr ec(EC_KEY_new_by_curve_name(NID_X9_62_prime256v1));
+EcKeyPtr generateEc(int curve) {
+    EcKeyPtr ec(EC_KEY_new_by_curve_name(curve));
     if (!ec) {
         throwCryptoFailure("Could not allocate EC key structure.");
     }
@@ -75,20 +75,12 @@ void assignEc(EVP_PKEY* key, EcKeyPtr ec) {
 
 }  // namespace
 
-EvpPkeyPtr generateKeyPair(const std::string& type, int rsaBits) {
-    EvpPkeyPtr key(EVP_PKEY_new());
-    if (!key) {
-        throwCryptoFailure("Creation of new private key failed.");
-    }
-    debugTrace("Created new private key for the certificate.");
-    if (type == KEY_RSA2048) {
-        assignRsa(key.get(), generateRsa(rsaBits));
-    } else if (type == KEY_PRIME256V1) {
-        assignEc(key.get(), generateEc());
-    } else {
-        throwCryptoFailure("Unsupported key format.");
-    }
-    return key;
+void generateRsaKey(EVP_PKEY* key, int bits) {
+    assignRsa(key, generateRsa(bits));
+}
+
+void generateEcKey(EVP_PKEY* key, int curve) {
+    assignEc(key, generateEc(curve));
 }
 
 }  // namespace keywarden

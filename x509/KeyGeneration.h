@@ -1,12 +1,13 @@
 #pragma once
 
-#include <string>
-
-#include "x509/OpenSslPtr.h"
+#include <openssl/types.h>
 
 namespace keywarden {
 
-/// A new key pair of a KEY_ type; `rsaBits` counts for RSA only. Throws std::runtime_error.
-[[nodiscard]] EvpPkeyPtr generateKeyPair(const std::string& type, int rsaBits);
+// Each makes a new pair in the empty key and throws std::runtime_error.
+
+void generateRsaKey(EVP_PKEY* key, int bits);
+/// `curve` is a NID; the key names it.
+void generateEcKey(EVP_PKEY* key, int curve);
 
 }  // namespace keywarden

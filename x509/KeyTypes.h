@@ -1,10 +1,14 @@
 #pragma once
 
+#include <openssl/types.h>
+
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace keywarden {
 
-// Key-type names of request settings. Only the first two can be generated.
+// Key-type names of request settings. What can be made of them has a row in KeyTypes.cpp.
 extern const std::string KEY_RSA2048;
 extern const std::string KEY_PRIME256V1;
 extern const std::string KEY_SECP256K1;
@@ -23,5 +27,28 @@ extern const std::string PUBLIC_KEY_RSA;
 extern const std::string PUBLIC_KEY_DSA;
 extern const std::string PUBLIC_KEY_DH;
 extern const std::string PUBLIC_KEY_ECC;
+
+/// All that the program knows of one type of key.
+struct KeyType {
+    std::string_view name;  ///< the value of CONFIG_KEY; empty for keys that others make
+    int algorithm;          ///< libcrypto's number of it (EVP_PKEY_)
+    /// Makes a new pair in the empty key; null for keys that others make. Throws std::runtime_error.
+    void (*generate)(EVP_PKEY* key, int rsaBits);
+    const EVP_MD* (*digest)();     ///< of the signatures that its keys make; null: made without
+    std::string_view description;  ///< what getPublicKeyType answers
+};
+
+/// The type that can be made by that name; null when there is none.
+[[nodiscard]] const KeyType* findKeyType(std::string_view name);
+
+/// The first type of the key's algorithm: digest and description are the same for all of one algorithm. Null
+/// for no key and for an algorithm without a row.
+[[nodiscard]] const KeyType* keyTypeOf(const EVP_PKEY* key);
+
+/// The digest that the key signs with, null when it signs without: SHA-256 when nothing is known of its type.
+[[nodiscard]] const EVP_MD* signatureDigest(const EVP_PKEY* key);
+
+/// The names that can be made, in the order in which they are told to people.
+[[nodiscard]] std::vector<std::string> keyTypeNames();
 
 }  // namespace keywarden

@@ -52,7 +52,7 @@ void addExtension(X509_T& certificate, const kwdata::v3Ext& extension) {
 }
 
 bool sign(const X509_T& certificate, const EVP_PKEY_T& key) {
-    return key.get() != nullptr && X509_sign(certificate.get(), key.get(), EVP_sha256()) > 0;
+    return key.get() != nullptr && X509_sign(certificate.get(), key.get(), signatureDigest(key.get())) > 0;
 }
 
 bool setIssuer(const X509_T& certificate, const X509_T& ca) {

@@ -10,6 +10,7 @@
 #include "support/Log.h"
 #include "x509/CryptoFailure.h"
 #include "x509/Extensions.h"
+#include "x509/KeyTypes.h"
 #include "x509/MemoryWatch.h"
 #include "x509/OpenSslPtr.h"
 #include "x509/PemText.h"
@@ -109,7 +110,7 @@ X509_REQ_T::X509_REQ_T(const kwdata::CCertificateData& settings, const EVP_PKEY_
     // What is left out, or was set by halves, must not be signed.
     watch.throwIfRefused();
     debugTrace("Signing the x509 CSR with the private key...");
-    if (!hasKey || X509_REQ_sign(request.get(), key.get(), EVP_sha256()) <= 0) {
+    if (!hasKey || X509_REQ_sign(request.get(), key.get(), signatureDigest(key.get())) <= 0) {
         throwCryptoFailure("Failed to sign the CSR.");
     }
     debugTrace("Creating new x509 certificate signing request... Done.");

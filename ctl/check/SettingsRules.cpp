@@ -23,14 +23,23 @@ void checkRsaSize(const CheckedFile& file, int bits, Report& report) {
                    "Write at least 2048: many programs refuse shorter keys.");
 }
 
+// "PRIME256V1 or RSA2048"
+std::string keyTypeChoice() {
+    const std::vector<std::string> names = keywarden::keyTypeNames();
+    std::string choice;
+    for (const std::string& name : names)
+        choice += (choice.empty() ? "" : &name == &names.back() ? " or " : ", ") + name;
+    return choice;
+}
+
 void checkKeyType(const CheckedFile& file, const RequestProbe& probe, Report& report) {
     const std::string type = file.values.text(SettingsKey::KeyType);
-    const std::string advice = "No certificate or request can be made: write PRIME256V1 or RSA2048.";
+    const std::string advice = "No certificate or request can be made: write " + keyTypeChoice() + ".";
     if (type.empty())
         report.add(Code::NoKeyType, file.whole(), "'CONFIG_KEY' is missing", advice);
     else if (type == keywarden::KEY_RSA2048)
         checkRsaSize(file, probe.data().public_key_size_bits, report);
-    else if (type != keywarden::KEY_PRIME256V1)
+    else if (keywarden::findKeyType(type) == nullptr)
         report.add(Code::UnknownKeyType, file.at(SettingsKey::KeyType), quoted(type) + " is no kind of key",
                    advice);
     else if (file.values.has(SettingsKey::Bits))
