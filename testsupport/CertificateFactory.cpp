@@ -35,8 +35,8 @@ EvpPkeyPtr newKey(const std::string& type) {
         key = EVP_EC_gen("P-256");
     } else if (type == "RSA") {
         key = EVP_RSA_gen(2048U);
-    } else if (type == "ED25519") {
-        key = EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519");
+    } else if (type == "ED448") {
+        key = EVP_PKEY_Q_keygen(nullptr, nullptr, "ED448");
     }
     require(key != nullptr, "no key of this type");
     return EvpPkeyPtr(key);
@@ -151,7 +151,7 @@ void addExtensions(X509* certificate, const CertificateOptions& options) {
 }
 
 void sign(X509* certificate, EVP_PKEY* key) {
-    const EVP_MD* digest = EVP_PKEY_get_base_id(key) == EVP_PKEY_ED25519 ? nullptr : EVP_sha256();
+    const EVP_MD* digest = EVP_PKEY_get_base_id(key) == EVP_PKEY_ED448 ? nullptr : EVP_sha256();
     require(X509_sign(certificate, key, digest) > 0, "cannot sign");
 }
 

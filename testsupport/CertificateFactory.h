@@ -11,7 +11,7 @@ struct CertificateOptions {
     std::string commonName = "device";
     std::string organization;             ///< none when empty
     std::string emailAddress;             ///< none when empty
-    std::string keyType = "EC";           ///< "EC" (P-256), "RSA" (2048 bits) or "ED25519"
+    std::string keyType = "EC";           ///< "EC" (P-256), "RSA" (2048 bits) or "ED448"
     std::int64_t notBefore = 1577836800;  ///< 2020-01-01 00:00:00
     std::int64_t notAfter = 2208988800;   ///< 2040-01-01 00:00:00
     bool expired = false;                 ///< the period is the whole of 2001, whatever the two dates say

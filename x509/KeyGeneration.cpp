@@ -21,6 +21,7 @@ namespace keywarden {
 namespace {
 
 using RsaPtr = std::unique_ptr<RSA, OpenSslFree<RSA_free>>;
+using KeyContextPtr = std::unique_ptr<EVP_PKEY_CTX, OpenSslFree<EVP_PKEY_CTX_free>>;
 using EcKeyPtr = std::unique_ptr<EC_KEY, OpenSslFree<EC_KEY_free>>;
 
 // OpenSSL verifies nothing with a longer key, and making one would keep the service busy for days.
@@ -81,6 +82,17 @@ void generateRsaKey(EVP_PKEY* key, int bits) {
 
 void generateEcKey(EVP_PKEY* key, int curve) {
     assignEc(key, generateEc(curve));
+}
+
+void generateEd25519Key(EVP_PKEY* key, int /*bits*/) {
+    const KeyContextPtr context(EVP_PKEY_CTX_new_id(EVP_PKEY_ED25519, nullptr));
+    if (!context) {
+        throwCryptoFailure("Could not allocate Ed25519 key context.");
+    }
+    debugTrace("Generating Ed25519 key.");
+    if (EVP_PKEY_keygen_init(context.get()) != 1 || EVP_PKEY_keygen(context.get(), &key) != 1) {
+        throwCryptoFailure("Generation of Ed25519 key pair failed.");
+    }
 }
 
 }  // namespace keywarden

@@ -9,5 +9,6 @@ namespace keywarden {
 void generateRsaKey(EVP_PKEY* key, int bits);
 /// `curve` is a NID; the key names it.
 void generateEcKey(EVP_PKEY* key, int curve);
+void generateEd25519Key(EVP_PKEY* key, int bits);  ///< of one size: the bits do not count
 
 }  // namespace keywarden

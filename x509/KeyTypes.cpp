@@ -15,6 +15,7 @@ const std::string KEY_PRIME256V1 = "PRIME256V1";
 const std::string KEY_SECP256K1 = "SECP256K1";
 const std::string KEY_SECP384R1 = "SECP384R1";
 const std::string KEY_SECP521R1 = "SECP521R1";
+const std::string KEY_ED25519 = "ED25519";
 
 const std::string V3EXT_SUBJ_KEY_IDENTIFIER = "subjectKeyIdentifier";
 const std::string V3EXT_BASIC_CONSTRAINTS = "basicConstraints";
@@ -26,6 +27,7 @@ const std::string PUBLIC_KEY_RSA = "rsa";
 const std::string PUBLIC_KEY_DSA = "dsa";
 const std::string PUBLIC_KEY_DH = "dh";
 const std::string PUBLIC_KEY_ECC = "ecc";
+const std::string PUBLIC_KEY_ED25519 = "ed25519";
 
 namespace {
 
@@ -40,6 +42,8 @@ const auto& keyTypes() {
         KeyType{KEY_PRIME256V1, EVP_PKEY_EC, generateOnCurve<NID_X9_62_prime256v1>, EVP_sha256,
                 PUBLIC_KEY_ECC},
         KeyType{KEY_RSA2048, EVP_PKEY_RSA, generateRsaKey, EVP_sha256, PUBLIC_KEY_RSA},
+        KeyType{KEY_SECP384R1, EVP_PKEY_EC, generateOnCurve<NID_secp384r1>, EVP_sha256, PUBLIC_KEY_ECC},
+        KeyType{KEY_ED25519, EVP_PKEY_ED25519, generateEd25519Key, nullptr, PUBLIC_KEY_ED25519},
         KeyType{"", EVP_PKEY_DSA, nullptr, EVP_sha256, PUBLIC_KEY_DSA},
         KeyType{"", EVP_PKEY_DH, nullptr, EVP_sha256, PUBLIC_KEY_DH},
     };

@@ -14,6 +14,7 @@ extern const std::string KEY_PRIME256V1;
 extern const std::string KEY_SECP256K1;
 extern const std::string KEY_SECP384R1;
 extern const std::string KEY_SECP521R1;
+extern const std::string KEY_ED25519;
 
 // Names of the v3 extensions that a request can carry.
 extern const std::string V3EXT_SUBJ_KEY_IDENTIFIER;
@@ -27,6 +28,7 @@ extern const std::string PUBLIC_KEY_RSA;
 extern const std::string PUBLIC_KEY_DSA;
 extern const std::string PUBLIC_KEY_DH;
 extern const std::string PUBLIC_KEY_ECC;
+extern const std::string PUBLIC_KEY_ED25519;
 
 /// All that the program knows of one type of key.
 struct KeyType {

@@ -5,7 +5,7 @@ import datetime
 
 from cryptography import x509
 from cryptography.hazmat.primitives import hashes, serialization
-from cryptography.hazmat.primitives.asymmetric import ec
+from cryptography.hazmat.primitives.asymmetric import ec, ed25519, padding, rsa
 from cryptography.x509.oid import ExtensionOID, NameOID
 
 
@@ -33,9 +33,20 @@ def load_request(pem):
     csr = x509.load_der_x509_csr(der[:place] + b"\0" + der[place + 1:])
     signed = csr.tbs_certrequest_bytes
     place = signed.index(b"\x02\x01\0", 0, 12) + 2
-    csr.public_key().verify(csr.signature, signed[:place] + b"\2" + signed[place + 1:],
-                            ec.ECDSA(csr.signature_hash_algorithm))
+    _verify(csr.public_key(), csr, signed[:place] + b"\2" + signed[place + 1:])
     return csr
+
+
+def _verify(key, signed, content):
+    """Raises cryptography.exceptions.InvalidSignature unless the key made the signature over the content."""
+    if isinstance(key, ec.EllipticCurvePublicKey):
+        key.verify(signed.signature, content, ec.ECDSA(signed.signature_hash_algorithm))
+    elif isinstance(key, rsa.RSAPublicKey):
+        key.verify(signed.signature, content, padding.PKCS1v15(), signed.signature_hash_algorithm)
+    elif isinstance(key, ed25519.Ed25519PublicKey):
+        key.verify(signed.signature, content)
+    else:
+        raise AssertionError("a key of a type that the tests do not know")
 
 
 def load_key(pem):
@@ -60,12 +71,8 @@ def public_bytes(holder):
 
 def is_signed_by(certificate, issuer):
     """Raises cryptography.exceptions.InvalidSignature unless the issuer's key made the signature."""
-    key = issuer.public_key()
-    if isinstance(key, ec.EllipticCurvePublicKey):
-        key.verify(certificate.signature, certificate.tbs_certificate_bytes,
-                   ec.ECDSA(certificate.signature_hash_algorithm))
-        return True
-    raise AssertionError("the tests use elliptic curves only")
+    _verify(issuer.public_key(), certificate, certificate.tbs_certificate_bytes)
+    return True
 
 
 def _name(common):

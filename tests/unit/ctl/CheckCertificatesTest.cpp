@@ -70,12 +70,26 @@ TEST_F(CheckCertificates, AFifoInThePlaceOfSettingsHoldsNobodyUp) {
 TEST_F(CheckCertificates, KindsOfKeysThatCannotBeMadeAreTold) {
     EXPECT_THAT(withSettingsLine(1, "#"),
                 ElementsAre(kCnf + ": error: 'CONFIG_KEY' is missing [no-key-type]"));
-    EXPECT_THAT(withSettingsLine(1, "CONFIG_KEY SECP384R1"),
-                ElementsAre(kCnf + ":1: error: 'SECP384R1' is no kind of key [unknown-key-type]"));
+    EXPECT_THAT(withSettingsLine(1, "CONFIG_KEY SECP521R1"),
+                ElementsAre(kCnf + ":1: error: 'SECP521R1' is no kind of key [unknown-key-type]"));
     device.append("web.cnf", "default_bits 4096");
     EXPECT_THAT(withSettingsLine(1, "CONFIG_KEY PRIME256V1"),
                 ElementsAre(kCnf + ":9: warning: 'default_bits' has no effect without 'CONFIG_KEY RSA2048' "
                                    "[without-effect]"));
+}
+
+TEST_F(CheckCertificates, EveryKindOfKeyThatCanBeMadeIsAccepted) {
+    for (const char* type : {"PRIME256V1", "RSA2048", "SECP384R1", "ED25519"}) {
+        EXPECT_THAT(withSettingsLine(1, std::string("CONFIG_KEY ") + type), IsEmpty()) << type;
+    }
+    device.append("web.cnf", "default_bits 4096");
+    for (const char* type : {"SECP384R1", "ED25519"}) {
+        EXPECT_THAT(
+            withSettingsLine(1, std::string("CONFIG_KEY ") + type),
+            ElementsAre(kCnf + ":9: warning: 'default_bits' has no effect without 'CONFIG_KEY RSA2048' "
+                               "[without-effect]"))
+            << type;
+    }
 }
 
 TEST_F(CheckCertificates, SizesOfRsaKeysAreTold) {

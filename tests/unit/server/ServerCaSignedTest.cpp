@@ -218,7 +218,7 @@ TEST_F(ServerCaSigned, AuthorityRenewedWhileItIsReadIsReadAgain) {
 
 TEST_F(ServerCaSigned, RequestThatCannotBeMadeIsRethrownWithItsPrefix) {
     startAuthority();
-    configureSigned("cnfFile " + scratch("bad.cnf", "CONFIG_KEY SECP384R1\nCN unit.example\n"));
+    configureSigned("cnfFile " + scratch("bad.cnf", "CONFIG_KEY SECP521R1\nCN unit.example\n"));
     start();
     EXPECT_EQ("Std exception caught while generating Csr for CA signed for service '" + id +
                   "' Unsupported key format.",

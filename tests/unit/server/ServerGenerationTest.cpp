@@ -235,7 +235,7 @@ TEST_F(ServerGeneration, InadmissiblePeriodIsRethrownWithItsPrefix) {
 }
 
 TEST_F(ServerGeneration, KeyThatCannotBeMadeIsRethrownWithItsPrefix) {
-    const std::string bad = scratch("bad.cnf", "CONFIG_KEY SECP384R1\nCN unit.example\n");
+    const std::string bad = scratch("bad.cnf", "CONFIG_KEY SECP521R1\nCN unit.example\n");
     configure("selfSignedGeneration yes\ncnfFile " + bad);
     start();
     const std::string text =

@@ -163,7 +163,7 @@ TEST_F(ServerRequest, EarlierRequestIsGoneBeforeTheNewOneIsPrepared) {
 
 TEST_F(ServerRequest, FailureLeavesNoRequestAtAll) {
     start().createCsr();
-    const std::string bad = scratch("bad.cnf", "CONFIG_KEY SECP384R1\nCN unit.example\n");
+    const std::string bad = scratch("bad.cnf", "CONFIG_KEY SECP521R1\nCN unit.example\n");
     configure("cnfFile " + bad);
     start();
     EXPECT_EQ((Coded{0, "Std exception caught while creating CSR for service '" + id +

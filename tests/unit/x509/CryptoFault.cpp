@@ -161,6 +161,24 @@ int EVP_PKEY_get_bits(const EVP_PKEY* key) {
                : real<decltype(EVP_PKEY_get_bits)>("EVP_PKEY_get_bits")(key);
 }
 
+EVP_PKEY_CTX* EVP_PKEY_CTX_new_id(int id, ENGINE* engine) {
+    return CryptoFault::strikes("EVP_PKEY_CTX_new_id", __builtin_return_address(0))
+               ? nullptr
+               : real<decltype(EVP_PKEY_CTX_new_id)>("EVP_PKEY_CTX_new_id")(id, engine);
+}
+
+int EVP_PKEY_keygen_init(EVP_PKEY_CTX* context) {
+    return CryptoFault::strikes("EVP_PKEY_keygen_init", __builtin_return_address(0))
+               ? 0
+               : real<decltype(EVP_PKEY_keygen_init)>("EVP_PKEY_keygen_init")(context);
+}
+
+int EVP_PKEY_keygen(EVP_PKEY_CTX* context, EVP_PKEY** key) {
+    return CryptoFault::strikes("EVP_PKEY_keygen", __builtin_return_address(0))
+               ? 0
+               : real<decltype(EVP_PKEY_keygen)>("EVP_PKEY_keygen")(context, key);
+}
+
 EC_KEY* EC_KEY_new_by_curve_name(int nid) {
     return CryptoFault::strikes("EC_KEY_new_by_curve_name", __builtin_return_address(0))
                ? nullptr

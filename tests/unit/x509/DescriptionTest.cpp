@@ -329,7 +329,7 @@ TEST_F(Description, WithoutNamesALineIsLoggedAndTheOthersAreDescribed) {
 
 TEST_F(Description, AnUnsupportedKindOfKeyFails) {
     CertificateOptions options = named({"a"}, {});
-    options.keyType = "ED25519";
+    options.keyType = "ED448";
     EXPECT_EQ(descriptionFailure(certificateOf(options)), "error creating ccertdata");
     expectLog({{SeverityError, "error retrieving certificate public key type"}});
 }

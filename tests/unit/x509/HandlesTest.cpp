@@ -231,11 +231,13 @@ TEST_F(Handles, PublicKeyTypesHaveTheirNames) {
     openssl("dsaparam -genkey -out dsa.pem 1024");
     openssl("genpkey -algorithm DH -pkeyopt group:ffdhe2048 -out dh.pem");
     openssl("genpkey -algorithm ED25519 -out ed.pem");
+    openssl("genpkey -algorithm ED448 -out other.pem");
     openssl("genrsa -out rsa.pem 1024");
     EXPECT_EQ(getPublicKeyType(EVP_PKEY_T(sandbox_.path("rsa.pem"))), "rsa");
     EXPECT_EQ(getPublicKeyType(EVP_PKEY_T(sandbox_.path("dsa.pem"))), "dsa");
     EXPECT_EQ(getPublicKeyType(EVP_PKEY_T(keyPath_)), "ecc");
-    EXPECT_EQ(getPublicKeyType(EVP_PKEY_T(sandbox_.path("ed.pem"))), "");
+    EXPECT_EQ(getPublicKeyType(EVP_PKEY_T(sandbox_.path("ed.pem"))), "ed25519");
+    EXPECT_EQ(getPublicKeyType(EVP_PKEY_T(sandbox_.path("other.pem"))), "");
     EXPECT_EQ(getPublicKeyType(EVP_PKEY_T()), "");
     EXPECT_EQ(getPublicKeyType(EVP_PKEY_T(sandbox_.path("dh.pem"))), "dh");
 }

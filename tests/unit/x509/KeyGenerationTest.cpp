@@ -32,6 +32,7 @@ TEST_F(KeyGeneration, NamesAreTheStatedOnes) {
     EXPECT_EQ(keywarden::KEY_SECP256K1, "SECP256K1");
     EXPECT_EQ(keywarden::KEY_SECP384R1, "SECP384R1");
     EXPECT_EQ(keywarden::KEY_SECP521R1, "SECP521R1");
+    EXPECT_EQ(keywarden::KEY_ED25519, "ED25519");
     EXPECT_EQ(keywarden::V3EXT_SUBJ_KEY_IDENTIFIER, "subjectKeyIdentifier");
     EXPECT_EQ(keywarden::V3EXT_BASIC_CONSTRAINTS, "basicConstraints");
     EXPECT_EQ(keywarden::V3EXT_KEY_USAGE, "keyUsage");
@@ -46,6 +47,19 @@ TEST_F(KeyGeneration, AnEcKeyIsOfThePrimeCurveAndNamesIt) {
     EXPECT_THAT(text, HasSubstr("NIST CURVE: P-256"));
 }
 
+TEST_F(KeyGeneration, AKeyOnTheLongerCurveNamesIt) {
+    const std::string text = describedByOpenssl(EVP_PKEY_T(of("SECP384R1")));
+    EXPECT_THAT(text, HasSubstr("Private-Key: (384 bit)"));
+    EXPECT_THAT(text, HasSubstr("ASN1 OID: secp384r1"));
+    EXPECT_THAT(text, HasSubstr("NIST CURVE: P-384"));
+}
+
+TEST_F(KeyGeneration, AnEd25519KeyIsOneWhateverTheBits) {
+    for (const int bits : {2048, 0, -1}) {
+        EXPECT_THAT(describedByOpenssl(EVP_PKEY_T(of("ED25519", bits))), HasSubstr("ED25519 Private-Key:\n"));
+    }
+}
+
 TEST_F(KeyGeneration, AnRsaKeyHasTheSettingsBitsAndTheUsualExponent) {
     for (const int bits : {1024, 3072}) {
         const std::string text = describedByOpenssl(EVP_PKEY_T(of("RSA2048", bits)));
@@ -55,7 +69,9 @@ TEST_F(KeyGeneration, AnRsaKeyHasTheSettingsBitsAndTheUsualExponent) {
 }
 
 TEST_F(KeyGeneration, TwoKeysDiffer) {
-    EXPECT_NE(privateKeyToPem(EVP_PKEY_T(of("PRIME256V1"))), privateKeyToPem(EVP_PKEY_T(of("PRIME256V1"))));
+    for (const char* type : {"PRIME256V1", "SECP384R1", "ED25519"}) {
+        EXPECT_NE(privateKeyToPem(EVP_PKEY_T(of(type))), privateKeyToPem(EVP_PKEY_T(of(type)))) << type;
+    }
 }
 
 TEST_F(KeyGeneration, TheTimeOfAnRsaKeyIsLoggedWithSixDecimals) {
@@ -75,6 +91,13 @@ TEST_F(KeyGeneration, AnEcKeyIsTracedStepByStep) {
     expectLog({});
 }
 
+TEST_F(KeyGeneration, AnEd25519KeyIsTracedStepByStep) {
+    EXPECT_EQ(tracesOf([] { const EVP_PKEY_T pair(of("ED25519")); }),
+              "Created new private key for the certificate.\n"
+              "Generating Ed25519 key.\n");
+    expectLog({});
+}
+
 TEST_F(KeyGeneration, AnRsaKeyIsTracedStepByStep) {
     const std::string traces = tracesOf([] { const EVP_PKEY_T pair(of("RSA2048", 1024)); });
     EXPECT_THAT(traces, testing::StartsWith("Created new private key for the certificate.\n"
@@ -84,13 +107,13 @@ TEST_F(KeyGeneration, AnRsaKeyIsTracedStepByStep) {
 }
 
 TEST_F(KeyGeneration, OtherTypesAreRefused) {
-    for (const char* type : {"SECP256K1", "SECP384R1", "SECP521R1", "", "rsa2048", "RSA4096"}) {
+    for (const char* type : {"SECP256K1", "SECP521R1", "", "rsa2048", "RSA4096", "ED448"}) {
         EXPECT_EQ(generationFailure(type), "Unsupported key format.") << type;
     }
 }
 
 TEST_F(KeyGeneration, AnUnsupportedTypeIsRefusedAfterTheKeyWasMade) {
-    EXPECT_EQ(tracesOf([] { generationFailure("SECP384R1"); }),
+    EXPECT_EQ(tracesOf([] { generationFailure("SECP521R1"); }),
               "Created new private key for the certificate.\n");
 }
 
@@ -123,6 +146,20 @@ TEST_F(KeyGeneration, EveryStepOfAnEcKeyFailsWithItsText) {
     for (const auto& [function, text] : steps) {
         const CryptoFault fault(function);
         EXPECT_EQ(generationFailure("PRIME256V1"), text);
+        EXPECT_TRUE(CryptoFault::struck()) << function;
+    }
+}
+
+TEST_F(KeyGeneration, EveryStepOfAnEd25519KeyFailsWithItsText) {
+    const std::vector<std::pair<std::string, std::string>> steps = {
+        {"EVP_PKEY_new", "Creation of new private key failed."},
+        {"EVP_PKEY_CTX_new_id", "Could not allocate Ed25519 key context."},
+        {"EVP_PKEY_keygen_init", "Generation of Ed25519 key pair failed."},
+        {"EVP_PKEY_keygen", "Generation of Ed25519 key pair failed."},
+    };
+    for (const auto& [function, text] : steps) {
+        const CryptoFault fault(function);
+        EXPECT_EQ(generationFailure("ED25519"), text);
         EXPECT_TRUE(CryptoFault::struck()) << function;
     }
 }

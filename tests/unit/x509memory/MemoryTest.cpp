@@ -181,6 +181,17 @@ TEST_F(MemoryTest, ANewKeyIsThereOrNot) {
     });
 }
 
+TEST_F(MemoryTest, ANewEd25519KeyIsThereOrNot) {
+    expectNoDeviation("Ed25519 key", [](const Material&) {
+        return everyRefusal<EVP_PKEY_T>([] { return EVP_PKEY_T(settings(KEY_ED25519)); },
+                                        [](const EVP_PKEY_T& key) {
+                                            return getPublicKeyType(key) +
+                                                   std::to_string(EVP_PKEY_get_bits(key.get()));
+                                        },
+                                        Allowed::AnyFailure);
+    });
+}
+
 // The number of requests differs from key to key.
 TEST_F(MemoryTest, ANewRsaKeyIsThereOrNot) {
     expectNoDeviation("RSA key", [](const Material&) {
@@ -205,6 +216,20 @@ TEST_F(MemoryTest, ASelfSignedCertificateIsWholeOrNotMade) {
                        std::to_string(isSelfSignedCertificate(certificate));
             },
             Allowed::AnyFailure);
+    });
+}
+
+TEST_F(MemoryTest, ACertificateWithoutADigestIsWholeOrNotMade) {
+    expectNoDeviation("self-signed by Ed25519", [](const Material&) {
+        const kwdata::CCertificateData data = settings(KEY_ED25519);
+        const EVP_PKEY_T key(data);
+        return everyRefusal<X509_T>([&] { return createX509SelfSignedCertificate(data, key); },
+                                    [&](const X509_T& certificate) {
+                                        return contentOf(certificate) +
+                                               std::to_string(X509_verify(certificate.get(), key.get())) +
+                                               std::to_string(isSelfSignedCertificate(certificate));
+                                    },
+                                    Allowed::AnyFailure);
     });
 }
 
