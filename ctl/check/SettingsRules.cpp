@@ -23,7 +23,7 @@ void checkRsaSize(const CheckedFile& file, int bits, Report& report) {
                    "Write at least 2048: many programs refuse shorter keys.");
 }
 
-// "PRIME256V1 or RSA2048"
+// "ONE, TWO or THREE"
 std::string keyTypeChoice() {
     const std::vector<std::string> names = keywarden::keyTypeNames();
     std::string choice;
@@ -51,7 +51,12 @@ void checkDigest(const CheckedFile& file, Report& report) {
     std::string digest;
     for (const unsigned char character : file.values.text(SettingsKey::Digest))
         digest += static_cast<char>(std::tolower(character));
-    if (!digest.empty() && digest != "sha256" && digest != "sha-256")
+    const keywarden::KeyType* const type = keywarden::findKeyType(file.values.text(SettingsKey::KeyType));
+    if (!digest.empty() && type != nullptr && type->digest == nullptr)
+        report.add(Code::WithoutEffect, file.at(SettingsKey::Digest),
+                   "'default_md' has no effect: " + std::string(type->name) + " keys sign without a digest",
+                   "Remove the line.");
+    else if (!digest.empty() && digest != "sha256" && digest != "sha-256")
         report.add(Code::WithoutEffect, file.at(SettingsKey::Digest),
                    "'default_md' has no effect: the daemon always signs with SHA-256", "Remove the line.");
 }

@@ -161,6 +161,23 @@ TEST_F(CheckCertificates, SettingsThatDoNothingAreTold) {
                     kCnf + ":10: warning: 'commonNameScript' is never run beside 'CN' [without-effect]"));
 }
 
+TEST_F(CheckCertificates, ADigestForAKeyThatSignsWithoutIsTold) {
+    device.setLine("web.cnf", 1, "CONFIG_KEY ED25519");
+    device.append("web.cnf", "default_md sha256");
+    EXPECT_THAT(device.check(),
+                ElementsAre(kCnf + ":9: warning: 'default_md' has no effect: ED25519 keys sign without a "
+                                   "digest [without-effect]"));
+    EXPECT_THAT(withSettingsLine(1, "CONFIG_KEY SECP384R1"), IsEmpty());
+}
+
+TEST_F(CheckCertificates, TheAdviceNamesEveryKindOfKey) {
+    device.setLine("web.cnf", 1, "CONFIG_KEY SECP521R1");
+    const std::string text = device.on([] { return reportText(keywardctl::check::checkDevice({})); });
+    EXPECT_THAT(text,
+                testing::HasSubstr("\n    No certificate or request can be made: write PRIME256V1, RSA2048, "
+                                   "SECP384R1 or ED25519.\n"));
+}
+
 TEST_F(CheckCertificates, AProperStoreYieldsNothing) {
     device.storePair({});
     device.storeTrusted("ca", named("ca"));
