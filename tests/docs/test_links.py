@@ -7,7 +7,7 @@ import re
 import unittest
 
 TOP = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
-PAGES = ["README.md"] + sorted(os.path.relpath(path, TOP) for path in glob.glob(f"{TOP}/docs/*.md"))
+PAGES = ["README.md", "CONTRIBUTING.md"] + sorted(os.path.relpath(path, TOP) for path in glob.glob(f"{TOP}/docs/*.md"))
 LINK = re.compile(r"\[[^\]]*\]\(([^)\s]+)\)")
 
 
