@@ -21,7 +21,7 @@ NO_TEXTS = {
                               "' is asked for without a number", "' is asked for, a key without numbers"},
     "cnf/CCertificateData.cpp": {"Self Signed Certificate"},
     "cnf/CDistinguishedName.cpp": {"Zelkor Corporation", "Electrical Division"},
-    "server/ServerExpiry.cpp": {"server expireFrom"},
+    "server/ServerRenewal.cpp": {"server expireFrom"},
     "service/ServiceDispatch.cpp": {"for service '"},
     "service/ServiceTimer.cpp": {"The service ", " is starting his timer..."},
     "stores/ExternalCertificatesStorage.cpp": {"Add certificate", "PRIVATE KEY-----"},

@@ -1,13 +1,15 @@
-// The periodic check: how many days are left, who is told, and what is made anew.
+#include "server/ServerRenewal.h"
+
+#include <cerrno>
 #include <limits>
+#include <optional>
 
 #include "server/FailureTexts.h"
-#include "server/Server.h"
-#include "server/ServerEvents.h"
-#include "server/StoreFiles.h"
 #include "support/Clock.h"
 #include "support/Common.h"
 #include "support/Debug.h"
+#include "support/Failure.h"
+#include "support/FileStatus.h"
 #include "support/Log.h"
 
 namespace keywarden {
@@ -57,13 +59,43 @@ int wholeDays(float days) {
     return static_cast<int>(days);
 }
 
-}  // namespace
-
-void Server::checkTimeValidity() {
-    checkTimeValidity(true);
+// Of the certificate in force. Only what the system says does not exist counts as missing.
+bool isCertificateFileMissing(const std::string& service) {
+    const InternalCertificatesAccessor store(service, "server");
+    const std::string id = store.getActive();
+    return id.empty() || (!statusOfPath(store.certPath(id)) && errno == ENOENT);
 }
 
-void Server::checkTimeValidity(bool healing) {
+}  // namespace
+
+ServerRenewal::ServerRenewal(const ServiceConfiguration& configuration, ServerStore& store,
+                             ServerIssuer& issuer, std::shared_ptr<ServiceCallbacks> callbacks)
+    : configuration_(configuration), store_(store), issuer_(issuer), callbacks_(std::move(callbacks)) {}
+
+void ServerRenewal::checkAtStart(bool isPresent) {
+    if (isPresent)
+        checkNetworkInfo();
+    else
+        issuer_.createCertificate();
+    if (store_.isCertificatePresent())
+        checkTimeValidity(Healing::No);
+}
+
+void ServerRenewal::checkNetworkInfo() {
+    if (isNetworkInfoValid())
+        return;
+    // "fo" is how the text goes.
+    Log::write(SeverityNotice, "Network information fo the server certificate for service '" + name() +
+                                   "' are not valid anymore.");
+    if (store_.isCertificateSelfSigned() || configuration_.isNetworkInvalidRevokePKIcert())
+        issuer_.createCertificate();
+}
+
+void ServerRenewal::checkTimeValidity() {
+    checkTimeValidity(Healing::Yes);
+}
+
+void ServerRenewal::checkTimeValidity(Healing healing) {
     if (Common::isDateOld()) {
         Log::write(
             SeverityError,
@@ -71,15 +103,16 @@ void Server::checkTimeValidity(bool healing) {
                 name());
         return;
     }
-    if (healing)
+    if (healing == Healing::Yes)
         healBeforeCheck();
-    if (!isCertificatePresent())
-        createCertificate();
-    if (!certificateInfo) {
+    if (!store_.isCertificatePresent())
+        issuer_.createCertificate();
+    const CertificateInfo* const record = store_.record();
+    if (record == nullptr) {
         Log::write(SeverityError, "ERROR: Certificate info pointer is not being initialised");
         return;
     }
-    const DaysLeft days = daysLeft();
+    const DaysLeft days = daysLeft(*record);
     logDays(days);
     if (days.validIn > 0)
         handleNotYetValid(days);
@@ -90,17 +123,26 @@ void Server::checkTimeValidity(bool healing) {
     followCA();
 }
 
-Server::DaysLeft Server::daysLeft() const {
+void ServerRenewal::healBeforeCheck() {
+    const ServerStore::Health health = store_.heal();
+    if (health == ServerStore::Health::WithoutCertificate)
+        return;
+    if (health == ServerStore::Health::Broken)
+        issuer_.createCertificate();
+    store_.tellAgain();
+}
+
+ServerRenewal::DaysLeft ServerRenewal::daysLeft(const CertificateInfo& record) const {
     const auto days = [this](std::uint64_t timestamp) {
         return static_cast<float>(getTimeBeforeTimestamp(static_cast<std::int64_t>(timestamp))) /
                kSecondsPerDay;
     };
     const float offset =
-        static_cast<float>(configuration.getCertDailyExpiryChkTimeOffsetSecs()) / kSecondsPerDay;
-    return {days(certificateInfo->validFrom), days(certificateInfo->validUntil) - offset};
+        static_cast<float>(configuration_.getCertDailyExpiryChkTimeOffsetSecs()) / kSecondsPerDay;
+    return {days(record.validFrom), days(record.validUntil) - offset};
 }
 
-void Server::logDays(const DaysLeft& days) const {
+void ServerRenewal::logDays(const DaysLeft& days) const {
     Log::write(SeverityNotice, "Days before validity of server certificate for service '" + name() +
                                    "' : " + std::to_string(days.validIn) + " days.");
     Log::write(SeverityNotice,
@@ -109,72 +151,95 @@ void Server::logDays(const DaysLeft& days) const {
                    name() + "' : " + std::to_string(days.expireIn) + " days.");
 }
 
-void Server::reportDays(const DaysLeft& days, const std::string& word, float figure) {
+void ServerRenewal::reportDays(const DaysLeft& days, const std::string& word, float figure) {
     Log::write(SeverityInfo, "Callback script called for service '" + name() + "' with '" + word + "' of '" +
                                  std::to_string(figure) + "' days.");
-    callbacks->updateValidityGeneratedCertificate(wholeDays(days.validIn), wholeDays(days.expireIn));
+    callbacks_->updateValidityGeneratedCertificate(wholeDays(days.validIn), wholeDays(days.expireIn));
 }
 
 // A self-signed certificate is replaced whatever the settings say; one from an external PKI only if they ask.
-void Server::handleNotYetValid(const DaysLeft& days) {
-    if (isCertificateSelfSigned())
-        orLog(kNotYetValidOwn, name(), [this] { createAndApplySelfSigned(); });
-    else if (configuration.isSelfSignedOnExpiration())
-        orLog(kNotYetValidSelfSigned, name(), [this] { createAndApplySelfSigned(); });
-    else if (configuration.isCASignedOnExpiration())
-        orLog(kNotYetValidCASigned, name(), [this] { createAndApplyCASigned(); });
+void ServerRenewal::handleNotYetValid(const DaysLeft& days) {
+    if (store_.isCertificateSelfSigned())
+        orLog(kNotYetValidOwn, name(), [this] { issuer_.createAndApplySelfSigned(); });
+    else if (configuration_.isSelfSignedOnExpiration())
+        orLog(kNotYetValidSelfSigned, name(), [this] { issuer_.createAndApplySelfSigned(); });
+    else if (configuration_.isCASignedOnExpiration())
+        orLog(kNotYetValidCASigned, name(), [this] { issuer_.createAndApplyCASigned(); });
     else
         reportDays(days, "validIn", days.validIn);
 }
 
-void Server::handleExpired(const DaysLeft& days) {
+void ServerRenewal::handleExpired(const DaysLeft& days) {
     // The blank at the end is part of the text.
     Log::write(SeverityNotice, "Current certificate is expired for service '" + name() + "' ");
-    if (isCertificateSelfSigned()) {
+    if (store_.isCertificateSelfSigned()) {
         Log::write(SeverityNotice,
                    "Creating a new SelfSigned certificate for service: " + name() + " as it is expired.");
-        orLog(kExpiredOwn, name(), [this] { createAndApplySelfSigned(); });
-    } else if (configuration.isSelfSignedOnExpiration()) {
+        orLog(kExpiredOwn, name(), [this] { issuer_.createAndApplySelfSigned(); });
+    } else if (configuration_.isSelfSignedOnExpiration()) {
         Log::write(SeverityNotice,
                    "Creating a new SelfSigned certificate for service '" + name() + "' as it is expired.");
-        orLog(kExpiredSelfSigned, name(), [this] { createAndApplySelfSigned(); });
-    } else if (configuration.isCASignedOnExpiration()) {
+        orLog(kExpiredSelfSigned, name(), [this] { issuer_.createAndApplySelfSigned(); });
+    } else if (configuration_.isCASignedOnExpiration()) {
         Log::write(SeverityNotice,
                    "Creating a new CA-Signed certificate for service '" + name() + "' as it is expired.");
-        orLog(kExpiredCASigned, name(), [this] { createAndApplyCASigned(); });
+        orLog(kExpiredCASigned, name(), [this] { issuer_.createAndApplyCASigned(); });
     } else {
         // Not negated by a sign: an expiry at this very moment would read "-0.000000".
         reportDays(days, "server expireFrom", 0.0F - days.expireIn);
     }
 }
 
-void Server::followCA() {
-    if (!isCASignedGeneration() || !isCertificateMatchingCA())
+void ServerRenewal::followCA() {
+    if (!configuration_.isCASignedGeneration() || !isCertificateMatchingCA())
         return;
     Log::write(SeverityNotice, "Creating a new CA-Signed certificate for service '" + name() +
                                    "' as the CA server certificate got renewed.");
-    orLog(kExpiredCASigned, name(), [this] { createAndApplyCASigned(); });
+    orLog(kExpiredCASigned, name(), [this] { issuer_.createAndApplyCASigned(); });
 }
 
-bool Server::isNetworkInfoValid() {
+bool ServerRenewal::isNetworkInfoValid() const {
     debugTrace("Checking if network is valid for service: " + name());
-    const std::string path = accessor.certNetworkPath(activeId());
-    if (!folders.exists(path)) {
-        Log::write(SeverityNotice, path + " file not found.");
+    const std::optional<NetworkInfo> recorded = store_.recordedNetwork();
+    if (!recorded)
         return false;
-    }
-    debugTrace("Reading network information from the " + path + " file.");
-    const NetworkInfo recorded = readNetwork(folders, path);
     debugTrace("Reading current network information based on service config file.");
-    const NetworkInfo current(configuration);
+    const NetworkInfo current(configuration_);
     debugTrace("Checking if the certificate network information present in current network information.");
-    return current.isIncludeIn(recorded);
+    return current.isIncludeIn(*recorded);
 }
 
 // By way of unsigned numbers, which wrap where a damaged record would overflow.
-std::int64_t Server::getTimeBeforeTimestamp(std::int64_t timestamp) const {
+std::int64_t ServerRenewal::getTimeBeforeTimestamp(std::int64_t timestamp) const {
     return static_cast<std::int64_t>(static_cast<std::uint64_t>(timestamp) -
                                      static_cast<std::uint64_t>(Clock::now()));
+}
+
+bool ServerRenewal::isCertificateMatchingCA() const {
+    const std::int64_t own = getServerCertificateTimestamp(name());
+    // One that is there and could not be looked at for a moment is not older than the CA's: it stays.
+    if (own == 0 && !isCertificateFileMissing(name()))
+        return false;
+    return own < getServerCertificateTimestamp(configuration_.getCAServiceId());
+}
+
+std::int64_t ServerRenewal::getServerCertificateTimestamp(const std::string& service) const {
+    try {
+        const InternalCertificatesAccessor store(service, "server");
+        const std::string id = store.getActive();
+        // Without an id the path is the folder's, whose time says nothing.
+        const auto status = id.empty() ? std::nullopt : statusOfPath(store.certPath(id));
+        return status ? status->changeTime : 0;
+    } catch (...) {
+        const Failure failure = Failure::current();
+        Log::write(SeverityInfo,
+                   failure.message(
+                       "Std exception caught while getting server certificate timestamp for service: " +
+                           service + ": ",
+                       "Unknown exception caught while getting server certificate timestamp for service: " +
+                           service));
+        return 0;
+    }
 }
 
 }  // namespace keywarden

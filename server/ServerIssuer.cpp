@@ -1,10 +1,11 @@
-// Making the certificate the service is configured for: the choice, the validity window, the self-signed one.
+#include "server/ServerIssuer.h"
+
 #include <utility>
 
 #include "cnf/CnfFileConfiguration.h"
 #include "cnf/CnfHookConfiguration.h"
+#include "server/AltNames.h"
 #include "server/FailureTexts.h"
-#include "server/Server.h"
 #include "support/Clock.h"
 #include "support/Common.h"
 #include "support/Debug.h"
@@ -53,13 +54,42 @@ std::uint64_t days(std::int32_t count) {
 
 }  // namespace
 
+ServerIssuer::ServerIssuer(const ServiceConfiguration& configuration, ServerStore& store)
+    : configuration_(configuration), store_(store) {}
+
+std::map<std::string, std::string> ServerIssuer::buildAltName() const {
+    debugTrace("Creating altnames for service " + name() + "...");
+    return altNamesOf(configuration_, configuration_);
+}
+
+std::map<std::string, std::string> ServerIssuer::buildAltName(const OverrideStaticConfig& override) const {
+    debugTrace("Creating altnames for service " + name() + " with overrided config...");
+    ServiceConfiguration overridden(configuration_);
+    if (override.excludeIpForAllNetworkInterfaces)
+        overridden.setExcludeIpForAllNetworkInterfaces();
+    return altNamesOf(configuration_, overridden);
+}
+
+kwdata::CCertificateData ServerIssuer::readCnfConfiguration(CnfConfiguration& cnf) const {
+    kwdata::CCertificateData data = cnf.getCCertificateData();
+    addAltNames(data, buildAltName(), name());
+    return data;
+}
+
+kwdata::CCertificateData ServerIssuer::readCnfConfiguration(CnfConfiguration& cnf,
+                                                            const OverrideStaticConfig& override) const {
+    kwdata::CCertificateData data = cnf.getCCertificateData();
+    addAltNames(data, buildAltName(override), name());
+    return data;
+}
+
 // Either kind ends in the installation, which loads the new record.
-void Server::createCertificate() {
-    if (isCASignedGeneration()) {
+void ServerIssuer::createCertificate() {
+    if (configuration_.isCASignedGeneration()) {
         Log::write(SeverityNotice, "Create and Apply CA-Signed certificate for service '" + name() +
                                        "' as generatin is needed.");
         orLog(kCASignedFailed, name(), [this] { createAndApplyCASigned(); });
-    } else if (isSelfSignedGeneration()) {
+    } else if (configuration_.isSelfSignedGeneration()) {
         Log::write(SeverityNotice, "Create and Apply SelfSigned certificate for service '" + name() +
                                        "' as generatin is needed.");
         orLog(kSelfSignedFailed, name(), [this] { createAndApplySelfSigned(); });
@@ -69,13 +99,13 @@ void Server::createCertificate() {
     }
 }
 
-void Server::createAndApplySelfSigned() {
+void ServerIssuer::createAndApplySelfSigned() {
     debugTrace("Create and apply a self signed certificate...");
     Log::write(SeverityNotice, "The service " + name() + " is creating a server selfsigned certificate...");
     if (Common::isDateOld())
         throw KeywardenDaemonException("Not able to create and apply self signed certificate for service '" +
                                        name() + "' as the system date is old.");
-    const NetworkInfo network(configuration);
+    const NetworkInfo network(configuration_);
     const auto settings = requestSettings(true);
     kwdata::CCertificateData data = readCnfConfiguration(*settings);
     orThrow(kPeriodFailed, name(), [&] {
@@ -88,24 +118,24 @@ void Server::createAndApplySelfSigned() {
         return std::make_pair(std::move(newKey), std::move(newCertificate));
     });
     debugTrace("Generated self signed certificate successfully!");
-    installCertificate(certificate, key, network);
+    store_.installCertificate(certificate, key, network);
     debugTrace("Create and apply a self signed certificate... done.");
 }
 
-std::unique_ptr<CnfConfiguration> Server::requestSettings(bool selfSigned) const {
-    if (!configuration.getCnfFile().empty())
-        return std::make_unique<CnfFileConfiguration>(configuration.getCnfFile());
-    return std::make_unique<CnfHookConfiguration>(configuration.getCnfHookFile(), name(), selfSigned);
+std::unique_ptr<CnfConfiguration> ServerIssuer::requestSettings(bool selfSigned) const {
+    if (!configuration_.getCnfFile().empty())
+        return std::make_unique<CnfFileConfiguration>(configuration_.getCnfFile());
+    return std::make_unique<CnfHookConfiguration>(configuration_.getCnfHookFile(), name(), selfSigned);
 }
 
 // Unsigned throughout: an offset that reaches before the epoch wraps, and the period is then judged as it
 // falls.
-void Server::setValidSeconds(bool selfSigned, std::uint64_t& validFrom, std::uint64_t& validUntil,
-                             std::uint64_t& validSeconds) {
-    const std::uint64_t offset = days(selfSigned ? configuration.getSelfSignedValidityOffset()
-                                                 : configuration.getCASignedValidityOffset());
+void ServerIssuer::setValidSeconds(bool selfSigned, std::uint64_t& validFrom, std::uint64_t& validUntil,
+                                   std::uint64_t& validSeconds) const {
+    const std::uint64_t offset = days(selfSigned ? configuration_.getSelfSignedValidityOffset()
+                                                 : configuration_.getCASignedValidityOffset());
     const std::uint64_t validity =
-        days(selfSigned ? configuration.getSelfSignedValidity() : configuration.getCASignedValidity());
+        days(selfSigned ? configuration_.getSelfSignedValidity() : configuration_.getCASignedValidity());
     const std::uint64_t from = static_cast<std::uint64_t>(Clock::now()) - offset;
     validFrom = startOfDay(from);
     validUntil = startOfDay(from + validity);

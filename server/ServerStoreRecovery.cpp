@@ -4,8 +4,8 @@
 #include <set>
 #include <stdexcept>
 
-#include "server/Server.h"
 #include "server/ServerEvents.h"
+#include "server/ServerStore.h"
 #include "server/StoreFiles.h"
 #include "stores/CertificateId.h"
 #include "stores/CertificateInfoStorage.h"
@@ -36,21 +36,21 @@ std::string joined(const std::set<std::string>& words) {
 
 }  // namespace
 
-void Server::recover() {
-    journal.recover();
-    removeTemporaries(*folders.folder(kTemporaryFolder));
+void ServerStore::recover() {
+    journal_.recover();
+    removeTemporaries(*folders_.folder(kTemporaryFolder));
 }
 
-X509_T Server::storedCertificate(const std::string& id) const {
-    return readCertificate(folders, accessor.certPath(id));
+X509_T ServerStore::storedCertificate(const std::string& id) const {
+    return readCertificate(folders_, accessor_.certPath(id));
 }
 
 // A certificate that nobody can use, for want of its key, is none. One that was revoked has left neither.
-bool Server::loadActiveCertificate() {
+bool ServerStore::loadActiveCertificate() {
     const std::string id = activeId();
-    certificateInfo.reset();
-    const bool hasCertificate = folders.exists(accessor.certPath(id));
-    const bool hasKey = folders.exists(accessor.certKeyPath(id));
+    certificateInfo_.reset();
+    const bool hasCertificate = folders_.exists(accessor_.certPath(id));
+    const bool hasKey = folders_.exists(accessor_.certKeyPath(id));
     if (!hasCertificate && !hasKey) {
         Log::write(SeverityError, "The certificate '" + id + "' of service '" + name() +
                                       "' cannot be loaded, going on without it: Its files are missing.");
@@ -62,9 +62,9 @@ bool Server::loadActiveCertificate() {
         if (!hasCertificate)
             throw std::runtime_error("The certificate is missing.");
         const X509_T certificate = storedCertificate(id);
-        if (!keyMatchesCertificate(readKey(folders, accessor.certKeyPath(id)), certificate))
+        if (!keyMatchesCertificate(readKey(folders_, accessor_.certKeyPath(id)), certificate))
             throw std::runtime_error("The key does not belong to the certificate.");
-        certificateInfo = std::make_shared<CertificateInfo>(CertificateInfoStorage(certificate));
+        certificateInfo_ = std::make_unique<CertificateInfo>(CertificateInfoStorage(certificate));
         return true;
     } catch (const FileWriteError&) {
         throw;
@@ -79,21 +79,21 @@ bool Server::loadActiveCertificate() {
 }
 
 // Whoever put them there, and why, is not known: they are left alone.
-void Server::warnOfUnnamedFiles() const {
+void ServerStore::warnOfUnnamedFiles() const {
     std::set<std::string> files;
     for (std::size_t place = 0; place < kDurableFolders; ++place)
-        addUnnamed(folders.pathOf(place), files);
+        addUnnamed(folders_.pathOf(place), files);
     if (files.empty())
         return;
     Log::write(SeverityWarning, "The store of the service '" + name() +
                                     "' holds files of certificates that are not in force: " + joined(files) +
-                                    ". To put one in force, write its id into '" + accessor.activePath() +
+                                    ". To put one in force, write its id into '" + accessor_.activePath() +
                                     "', without a line end, and reload the service; else remove them.");
 }
 
-void Server::addUnnamed(const std::string& folder, std::set<std::string>& found) const {
+void ServerStore::addUnnamed(const std::string& folder, std::set<std::string>& found) const {
     const std::string active = activeId();
-    const FolderSet::File at = folders.at(folder + "/any");
+    const FolderSet::File at = folders_.at(folder + "/any");
     for (const std::string& file : at.folder->names()) {
         const std::string id = file.substr(0, kIdLength);
         if (isCertificateId(id) && id != active && endsLikeAFileOfACertificate(file))
@@ -103,15 +103,15 @@ void Server::addUnnamed(const std::string& folder, std::set<std::string>& found)
 
 // A pair that the active file does not name, whole, under the very id that is about to be installed:
 // somebody's only copy of a key, perhaps.
-void Server::keepUnnamedPair(const std::string& id) const {
-    const std::string certificate = accessor.certPath(id);
-    const std::string key = accessor.certKeyPath(id);
-    if (!folders.exists(certificate) || !folders.exists(key))
+void ServerStore::keepUnnamedPair(const std::string& id) const {
+    const std::string certificate = accessor_.certPath(id);
+    const std::string key = accessor_.certKeyPath(id);
+    if (!folders_.exists(certificate) || !folders_.exists(key))
         return;
     try {
-        if (!keyMatchesCertificate(readKey(folders, key), storedCertificate(id)))
+        if (!keyMatchesCertificate(readKey(folders_, key), storedCertificate(id)))
             return;
-        const FolderSet::File at = folders.at(certificate);
+        const FolderSet::File at = folders_.at(certificate);
         const bool isKept =
             at.folder->link(id, id + kKept) && at.folder->link(id + ".key", id + kKept + std::string(".key"));
         if (isKept)
@@ -125,24 +125,24 @@ void Server::keepUnnamedPair(const std::string& id) const {
 
 // A disk that failed between two files of a change may do better by now. Only a pair that does not match is
 // looked into: of one that was revoked there is none.
-void Server::healBeforeCheck() {
-    folders.noticeWhetherThere();
+ServerStore::Health ServerStore::heal() {
+    folders_.noticeWhetherThere();
     if (!isCertificatePresent())
-        return;
-    if (journal.isUnfinished() || journal.hasLeftOver()) {
+        return Health::WithoutCertificate;
+    if (journal_.isUnfinished() || journal_.hasLeftOver()) {
         recover();
         static_cast<void>(loadActiveCertificate());
     }
     const std::string id = activeId();
-    const bool hasFiles = folders.exists(accessor.certPath(id)) && folders.exists(accessor.certKeyPath(id));
-    if (hasFiles && !loadActiveCertificate() && !journal.isUnfinished())
-        createCertificate();
-    tellAgain();
+    const bool hasFiles =
+        folders_.exists(accessor_.certPath(id)) && folders_.exists(accessor_.certKeyPath(id));
+    return hasFiles && !loadActiveCertificate() && !journal_.isUnfinished() ? Health::Broken
+                                                                            : Health::Settled;
 }
 
 // Events that the owner was not told of because the daemon was stopped, killed or without power.
-void Server::tellAgain() {
-    const Journal::Events events = journal.toBeTold();
+void ServerStore::tellAgain() {
+    const Journal::Events events = journal_.toBeTold();
     for (const Journal::Event& event : events) {
         const bool isKnown = event.size() == 3 && event[0] == kNewEvent;
         if (!isKnown || event[1] != activeId())
@@ -154,7 +154,7 @@ void Server::tellAgain() {
         return;
     }
     if (!events.empty())
-        journal.told();
+        journal_.told();
 }
 
 }  // namespace keywarden

@@ -3,8 +3,7 @@
 
 #include "channel/Answer.h"
 #include "server/FailureTexts.h"
-#include "server/Server.h"
-#include "server/ServerEvents.h"
+#include "server/ServerIssuer.h"
 #include "server/StoreFiles.h"
 #include "support/Clock.h"
 #include "support/Debug.h"
@@ -38,55 +37,41 @@ constexpr FailureTexts kDescribingFailed = {
 
 }  // namespace
 
-void Server::createCsr() {
+void ServerIssuer::createCsr() {
     debugTrace("Create csr for service-" + name() + "...");
     createPendingRequest([this](CnfConfiguration& settings) { return readCnfConfiguration(settings); });
 }
 
-void Server::createCsr(const OverrideStaticConfig& override) {
+void ServerIssuer::createCsr(const OverrideStaticConfig& override) {
     debugTrace("Create csr for service-" + name() + " with config overrided...");
     createPendingRequest(
         [&](CnfConfiguration& settings) { return readCnfConfiguration(settings, override); });
 }
 
-void Server::createPendingRequest(
+void ServerIssuer::createPendingRequest(
     const std::function<kwdata::CCertificateData(CnfConfiguration&)>& readSettings) {
     try {
-        removeCsr();
+        store_.removeCsr();
         // The whole identity, also when the request leaves the addresses out.
-        const NetworkInfo network(configuration);
+        const NetworkInfo network(configuration_);
         const kwdata::CCertificateData data = readSettings(*requestSettings(false));
         const EVP_PKEY_T key(data);
-        savePendingRequest(key, X509_REQ_T(data, key), network);
+        store_.savePendingRequest(key, X509_REQ_T(data, key), network);
     } catch (...) {
         const bool ofTheDaemon = Failure::current().kind() == Failure::Kind::Daemon;
         const std::string message = describeFailure(kCreatingFailed, name());
-        removeCsr();
+        store_.removeCsr();
         // Only the daemon's own exception is followed by a quote and a full stop.
         throw KeywardenDaemonException(ofTheDaemon ? message + "'." : message);
     }
     debugTrace("Create csr for service-" + name() + "... Done.");
 }
 
-void Server::savePendingRequest(const EVP_PKEY_T& key, const X509_REQ_T& request,
-                                const NetworkInfo& network) {
-    folders.noticeWhetherThere();
-    FileTransaction change(journal);
-    debugTrace(" -> Save the key...");
-    stageKey(change, accessor.csrKeyPath(), key);
-    debugTrace(" -> Save the CSR...");
-    stageFile(change, accessor.csrPath(), x509CsrToPem(request) + "\n", managedFile());
-    debugTrace(" -> Save the Network...");
-    stageNetwork(change, accessor.csrNetworkPath(), network);
-    change.commit();
+std::string ServerIssuer::getCsrInfo() const {
+    return orThrow(kDescribingFailed, name(), [this] { return getCsrDataString(store_.pendingRequest()); });
 }
 
-std::string Server::getCsrInfo() const {
-    return orThrow(kDescribingFailed, name(),
-                   [this] { return getCsrDataString(readRequest(folders, accessor.csrPath())); });
-}
-
-void Server::applyCrt(const std::string& path) {
+void ServerIssuer::applyCrt(const std::string& path) {
     debugTrace("Apply certificate from External PKI...");
     const X509_T certificate = readCertificateToApply(path);
     const auto [request, key] = readPendingRequest();
@@ -97,12 +82,12 @@ void Server::applyCrt(const std::string& path) {
     // The key's folder is less well guarded than the request's: what does not fit is not installed.
     if (!validateCsrAndCrt(request, certificate) || !keyMatchesCertificate(key, certificate))
         throw KeywardenDaemonException(AnswerNotForTheRequest, "Error in validating csr and crt");
-    const NetworkInfo network = readNetwork(folders, accessor.csrNetworkPath());
-    installCertificate(certificate, key, network);
+    const NetworkInfo network = store_.pendingNetwork();
+    store_.installCertificate(certificate, key, network);
     debugTrace("Apply certificate from External PKI... done.");
 }
 
-X509_T Server::readCertificateToApply(const std::string& path) const {
+X509_T ServerIssuer::readCertificateToApply(const std::string& path) const {
     if (path.empty())
         throw KeywardenDaemonException("Certificate path is empty.");
     // "exit" is how the text goes.
@@ -115,14 +100,14 @@ X509_T Server::readCertificateToApply(const std::string& path) const {
     }
 }
 
-std::pair<X509_REQ_T, EVP_PKEY_T> Server::readPendingRequest() {
+std::pair<X509_REQ_T, EVP_PKEY_T> ServerIssuer::readPendingRequest() {
     try {
-        X509_REQ_T request = readRequest(folders, accessor.csrPath());
-        EVP_PKEY_T key = readKey(folders, accessor.csrKeyPath());
+        X509_REQ_T request = store_.pendingRequest();
+        EVP_PKEY_T key = store_.pendingKey();
         return {std::move(request), std::move(key)};
     } catch (...) {
         const std::string message = describeFailure(kRequestFailed, name());
-        removeCsr();
+        store_.removeCsr();
         throw KeywardenDaemonException(AnswerRequestUnreadable, message);
     }
 }

@@ -1,16 +1,12 @@
 // A certificate signed by another service of the device, whose own server certificate is the CA.
-#include <cerrno>
-#include <optional>
 #include <stdexcept>
 #include <utility>
 
 #include "server/FailureTexts.h"
-#include "server/Server.h"
+#include "server/ServerIssuer.h"
 #include "server/StoreFiles.h"
 #include "support/Common.h"
 #include "support/Debug.h"
-#include "support/Failure.h"
-#include "support/FileStatus.h"
 #include "support/FolderSet.h"
 #include "support/KeywardenDaemonException.h"
 #include "support/Log.h"
@@ -41,13 +37,6 @@ constexpr FailureTexts kPeriodFailed = {
     "Generic exception received during setting the valid seconds during CA signed certificate generation "
     "for service '"};
 
-// Of the certificate in force. Only what the system says does not exist counts as missing.
-bool isCertificateFileMissing(const std::string& service) {
-    const InternalCertificatesAccessor store(service, "server");
-    const std::string id = store.getActive();
-    return id.empty() || (!statusOfPath(store.certPath(id)) && errno == ENOENT);
-}
-
 struct CertificateAuthorityFiles {
     X509_T certificate;
     EVP_PKEY_T key;
@@ -77,16 +66,16 @@ CertificateAuthorityFiles readCertificateAuthority(const std::string& service) {
 
 }  // namespace
 
-void Server::createAndApplyCASigned() {
+void ServerIssuer::createAndApplyCASigned() {
     Log::write(SeverityNotice, "The service " + name() + " is creating a CA signed certificate...");
     if (Common::isDateOld())
         throw KeywardenDaemonException("Not able to create and apply CA signed certificate for service '" +
                                        name() + "' as the system date is old.");
-    if (configuration.getCAServiceId().empty() || configuration.getCAServiceId() == name())
+    if (configuration_.getCAServiceId().empty() || configuration_.getCAServiceId() == name())
         throw KeywardenDaemonException("CA signed certificate for service '" + name() + "' is not allowed");
     const CertificateAuthorityFiles authority = orThrow(
-        kLoadingFailed, name(), [this] { return readCertificateAuthority(configuration.getCAServiceId()); });
-    const NetworkInfo network(configuration);
+        kLoadingFailed, name(), [this] { return readCertificateAuthority(configuration_.getCAServiceId()); });
+    const NetworkInfo network(configuration_);
     const auto [key, request] = orThrow(kRequestFailed, name(), [this] {
         const auto settings = requestSettings(false);
         const kwdata::CCertificateData data = readCnfConfiguration(*settings);
@@ -101,35 +90,8 @@ void Server::createAndApplyCASigned() {
     const X509_T certificate =
         signX509WithCA(authority.certificate, authority.key, request, from, until, seconds);
     debugTrace("CA signed certificate for service " + name() + " Ok.");
-    installCertificate(certificate, key, network);
+    store_.installCertificate(certificate, key, network);
     debugTrace("Create and apply a CA signed certificate for service " + name() + "... Done.");
-}
-
-bool Server::isCertificateMatchingCA() const {
-    const std::int64_t own = getServerCertificateTimestamp(name());
-    // One that is there and could not be looked at for a moment is not older than the CA's: it stays.
-    if (own == 0 && !isCertificateFileMissing(name()))
-        return false;
-    return own < getServerCertificateTimestamp(configuration.getCAServiceId());
-}
-
-std::int64_t Server::getServerCertificateTimestamp(const std::string& service) const {
-    try {
-        const InternalCertificatesAccessor store(service, "server");
-        const std::string id = store.getActive();
-        // Without an id the path is the folder's, whose time says nothing.
-        const auto status = id.empty() ? std::nullopt : statusOfPath(store.certPath(id));
-        return status ? status->changeTime : 0;
-    } catch (...) {
-        const Failure failure = Failure::current();
-        Log::write(SeverityInfo,
-                   failure.message(
-                       "Std exception caught while getting server certificate timestamp for service: " +
-                           service + ": ",
-                       "Unknown exception caught while getting server certificate timestamp for service: " +
-                           service));
-        return 0;
-    }
 }
 
 }  // namespace keywarden

@@ -1,9 +1,8 @@
-// The subject alternative names of everything the store makes, and their place in the request settings.
-#include <string>
+#include "server/AltNames.h"
+
 #include <vector>
 
 #include "network/NetworkConfiguration.h"
-#include "server/Server.h"
 #include "support/Debug.h"
 #include "x509/KeyTypes.h"
 
@@ -55,20 +54,8 @@ std::string joined(const std::map<std::string, std::string>& names) {
 
 }  // namespace
 
-std::map<std::string, std::string> Server::buildAltName() {
-    debugTrace("Creating altnames for service " + name() + "...");
-    return buildAltName(configuration);
-}
-
-std::map<std::string, std::string> Server::buildAltName(const OverrideStaticConfig& override) {
-    debugTrace("Creating altnames for service " + name() + " with overrided config...");
-    ServiceConfiguration overridden(configuration);
-    if (override.excludeIpForAllNetworkInterfaces)
-        overridden.setExcludeIpForAllNetworkInterfaces();
-    return buildAltName(overridden);
-}
-
-std::map<std::string, std::string> Server::buildAltName(const ServiceConfiguration& interfaces) const {
+std::map<std::string, std::string> altNamesOf(const ServiceConfiguration& configuration,
+                                              const ServiceConfiguration& interfaces) {
     NetworkConfiguration& network = NetworkConfiguration::getInstance();
     AltNames altNames;
     if (configuration.isIncludeFQDN()) {
@@ -84,27 +71,14 @@ std::map<std::string, std::string> Server::buildAltName(const ServiceConfigurati
             altNames.addAddresses(network.getInterfaceIPv6Addresses(interface, wanted.includeIPv6Auto));
     }
     altNames.addDefault();
-    debugTrace("Creating altnames for service " + name() + "... Done.");
+    debugTrace("Creating altnames for service " + configuration.getServiceId() + "... Done.");
     return altNames.names();
 }
 
-kwdata::CCertificateData Server::readCnfConfiguration(CnfConfiguration& cnf) {
-    kwdata::CCertificateData data = cnf.getCCertificateData();
-    addAltName(data, buildAltName());
-    return data;
-}
-
-kwdata::CCertificateData Server::readCnfConfiguration(CnfConfiguration& cnf,
-                                                      const OverrideStaticConfig& override) {
-    kwdata::CCertificateData data = cnf.getCCertificateData();
-    addAltName(data, buildAltName(override));
-    return data;
-}
-
-void Server::addAltName(kwdata::CCertificateData& data,
-                        const std::map<std::string, std::string>& names) const {
+void addAltNames(kwdata::CCertificateData& data, const std::map<std::string, std::string>& names,
+                 const std::string& service) {
     if (names.empty())
-        debugTrace("No altNames found for creating certificate for service '" + name() + "'.");
+        debugTrace("No altNames found for creating certificate for service '" + service + "'.");
     const std::string value = joined(names);
     data.v3Extention.emplace_back(V3EXT_SUBJ_ALT_NAME, value, value, "");
 }
