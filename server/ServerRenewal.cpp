@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <limits>
 #include <optional>
+#include <utility>
 
 #include "server/FailureTexts.h"
 #include "support/Clock.h"

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <stdexcept>
+#include <utility>
 
 #include "server/ServerEvents.h"
 #include "server/StoreFiles.h"
