@@ -110,19 +110,22 @@ FolderPtr Folder::makeAnyway(const std::string& name, mode_t mode, const Folder&
                                             "' has been moved aside: " + error.what());
         }
     }
-    const Filled made = makeFilled(name, mode, nursery);
-    static_cast<void>(made.folder->remove(made.file));
-    return made.folder;
+    return makeNew(name, mode, nursery, {}).folder;
 }
 
 Folder::Filled Folder::makeFilled(const std::string& name, mode_t mode, const Folder& nursery) const {
+    return makeNew(name, mode, nursery, nameBeside("kept"));
+}
+
+Folder::Filled Folder::makeNew(const std::string& name, mode_t mode, const Folder& nursery,
+                               const std::string& file) const {
     for (unsigned attempt = 1;; ++attempt) {
         try {
-            return madeIn(nursery, name, mode);
+            return madeIn(nursery, name, mode, file);
         } catch (const FileWriteError& error) {
             const int reason = error.errorNumber();
             if ((reason == EXDEV || reason == EACCES) && &nursery != this)
-                return makeFilled(name, mode, *this);
+                return makeNew(name, mode, *this, file);
             // In a folder that others may write: found under its own name, and taken away.
             const bool isTaken = reason == ENOENT || reason == EPERM || reason == ENOTDIR || reason == ELOOP;
             if (!isTaken || attempt == kAttempts)
@@ -131,9 +134,10 @@ Folder::Filled Folder::makeFilled(const std::string& name, mode_t mode, const Fo
     }
 }
 
-Folder::Filled Folder::madeIn(const Folder& nursery, const std::string& name, mode_t mode) const {
+Folder::Filled Folder::madeIn(const Folder& nursery, const std::string& name, mode_t mode,
+                              const std::string& file) const {
     const std::string fresh = nameBeside(checked(name));
-    const Filled made = nursery.filledBelow(fresh, pathOf(name), mode);
+    const Filled made = nursery.filledBelow(fresh, pathOf(name), mode, file);
     if (!putInPlace(nursery, fresh, name)) {
         const int reason = errno;
         nursery.removeFilled(made, fresh);
@@ -144,13 +148,14 @@ Folder::Filled Folder::madeIn(const Folder& nursery, const std::string& name, mo
     return made;
 }
 
-Folder::Filled Folder::filledBelow(const std::string& fresh, const std::string& path, mode_t mode) const {
+Folder::Filled Folder::filledBelow(const std::string& fresh, const std::string& path, mode_t mode,
+                                   const std::string& file) const {
     if (::mkdirat(get(), fresh.c_str(), 0700) != 0)
         throw FileWriteError("Impossible to make the folder", path, errno);
-    Filled made{nullptr, nameBeside("kept")};
+    Filled made{nullptr, file};
     try {
         made.folder = std::make_shared<const Folder>(openOurs(fresh), path);
-        if (!made.folder->create(made.file))
+        if (!file.empty() && !made.folder->create(file))
             throw FileWriteError("Impossible to make the folder", path, errno);
         made.folder->setMode(mode);
         return made;
@@ -161,7 +166,7 @@ Folder::Filled Folder::filledBelow(const std::string& fresh, const std::string& 
 }
 
 void Folder::removeFilled(const Filled& made, const std::string& fresh) const {
-    if (made.folder)
+    if (made.folder && !made.file.empty())
         static_cast<void>(made.folder->remove(made.file));
     static_cast<void>(::unlinkat(get(), fresh.c_str(), AT_REMOVEDIR));
 }

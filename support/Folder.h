@@ -141,8 +141,12 @@ class Folder {
 
   private:
     [[nodiscard]] UniqueFd openOurs(const std::string& name) const;
-    [[nodiscard]] Filled madeIn(const Folder& nursery, const std::string& name, mode_t mode) const;
-    [[nodiscard]] Filled filledBelow(const std::string& fresh, const std::string& path, mode_t mode) const;
+    [[nodiscard]] Filled makeNew(const std::string& name, mode_t mode, const Folder& nursery,
+                                 const std::string& file) const;
+    [[nodiscard]] Filled madeIn(const Folder& nursery, const std::string& name, mode_t mode,
+                                const std::string& file) const;
+    [[nodiscard]] Filled filledBelow(const std::string& fresh, const std::string& path, mode_t mode,
+                                     const std::string& file) const;
     void removeFilled(const Filled& made, const std::string& fresh) const;
 
     UniqueFd descriptor_;

@@ -21,7 +21,8 @@ class FilledFolder {
     FilledFolder(const FilledFolder&) = delete;
     FilledFolder& operator=(const FilledFolder&) = delete;
     ~FilledFolder() {
-        if (filled_.folder)
+        // Once more, where the first attempt failed only for a moment.
+        if (filled_.folder && !filled_.folder->remove(filled_.file))
             static_cast<void>(filled_.folder->remove(filled_.file));
     }
 
