@@ -9,6 +9,7 @@
 
 #include <array>
 #include <charconv>
+#include <cstdint>
 #include <memory>
 
 #include "support/Failure.h"
@@ -179,7 +180,10 @@ bool keyMatchesCertificate(const EVP_PKEY_T& key, const X509_T& certificate) {
 bool initialiseCrypto() {
     MemoryWatch::countRequests();
     try {
-        if (OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT | OPENSSL_INIT_LOAD_CONFIG, nullptr) != 1) {
+        // Nobody prints libcrypto's words for its errors, which would take 50 KiB.
+        constexpr std::uint64_t kOptions =
+            OPENSSL_INIT_NO_ATEXIT | OPENSSL_INIT_LOAD_CONFIG | OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS;
+        if (OPENSSL_init_crypto(kOptions, nullptr) != 1) {
             throwCryptoFailure("it cannot be initialised.");
         }
         rehearseCrypto();
