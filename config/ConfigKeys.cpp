@@ -196,7 +196,7 @@ constexpr std::string_view kSubject = "Country (two letters), state, city, organ
 constexpr std::string_view kExtension = "Extensions, as values of x509v3_config(5).";
 
 constexpr Rows<SettingsKey> kSettingsKeys = {{
-    required(text(SettingsKey::KeyType, "CONFIG_KEY", "PRIME256V1 or RSA2048.")),
+    required(text(SettingsKey::KeyType, "CONFIG_KEY", "PRIME256V1, SECP384R1, ED25519 or RSA2048.")),
     number(SettingsKey::Bits, "default_bits", BadValue::Taken, kRsaBits, 2048, "bits",
            "The size of an RSA key"),
     text(SettingsKey::Digest, "default_md", "Accepted for files that have it"),
