@@ -1,14 +1,18 @@
 #!/bin/sh
 # Installs what is missing, builds and passes all tests. From any folder, as root or with sudo.
 #
-#   tools/test.sh                everything: formatting, fuzzing for 20 seconds a target, the unit tests on 32-bit ARM
-#                                under emulation, then every test in the presets asan, tsan and dev
-#   tools/test.sh dev            one stage only (fuzz, armhf, asan, tsan, dev or release)
+#   tools/test.sh                formatting and every test in the preset dev: minutes
+#   tools/test.sh all            before a change lands: formatting, fuzzing for 20 seconds a target, the unit tests on
+#                                32-bit ARM under emulation, then every test in the presets asan, tsan and dev
+#   tools/test.sh quick          after a change: the unit tests of the rooms that changed since the last commit and of
+#                                those above them
+#   tools/test.sh STAGE...       these only (fuzz, armhf, asan, tsan, dev, release, tidy)
 set -eu
 
 top=$(CDPATH='' cd -- "$(dirname -- "$0")/.." && pwd)
 cd "$top"
-stages=${*:-fuzz armhf asan tsan dev}
+stages=${*:-dev}
+[ "$stages" != all ] || stages='fuzz armhf asan tsan dev'
 jobs=$(nproc)
 
 "$top/tools/setup.sh" build test
@@ -28,9 +32,10 @@ as_root() {
 say "Formatting"
 "$top/tools/format.sh" --check
 
+# Precompiled headers are cached only where their times do not count.
 launcher=
 if command -v ccache >/dev/null 2>&1; then
-    launcher=-DCMAKE_CXX_COMPILER_LAUNCHER=ccache
+    launcher='-DCMAKE_CXX_COMPILER_LAUNCHER=env;CCACHE_SLOPPINESS=pch_defines,time_macros;ccache'
 fi
 
 run_preset() {
@@ -46,8 +51,42 @@ run_preset() {
     as_root ctest --preset "$1" -j "$((2 * jobs))" --output-on-failure --repeat until-pass:2
 }
 
+# The rooms on and above the floor of the lowest one that a change touches; every one when it touches what all share.
+changed_rooms() {
+    changed=$(git status --porcelain --untracked-files=all | sed 's/^...//; s/.* -> //')
+    rooms="$(cat cmake/rooms.txt) ctl"
+    if printf '%s\n' "$changed" | grep -qE '^(cmake|testsupport|tests/CMakeLists|CMake)'; then
+        echo "$rooms"
+        return
+    fi
+    found=
+    for room in $rooms; do
+        if [ -n "$found" ] || printf '%s\n' "$changed" | grep -qE "^(tests/unit/)?$room/"; then
+            found="$found $room"
+        fi
+    done
+    echo "$found"
+}
+
+run_quick() {
+    rooms=$(changed_rooms)
+    if [ -z "$rooms" ]; then
+        echo "No room has changed since the last commit."
+        return
+    fi
+    # shellcheck disable=SC2086  # one word a room
+    say "Unit tests of:" $rooms
+    cmake --preset dev $launcher >/dev/null
+    # shellcheck disable=SC2046,SC2086
+    cmake --build --preset dev -j "$jobs" --target $(printf 'test_%s ' $rooms)
+    names=$(printf '%s' "${rooms# }" | tr -s ' ' '|')
+    as_root ctest --preset dev -j "$((2 * jobs))" --output-on-failure -R "^($names)\\."
+}
+
 for stage in $stages; do
     case $stage in
+        quick) run_quick ;;
+        tidy) "$top/tools/tidy.sh" ;;
         fuzz | armhf)
             say "Stage $stage"
             "$top/tools/$stage.sh"
