@@ -1,6 +1,7 @@
 // Which request does what.
 #include <algorithm>
 #include <array>
+#include <optional>
 
 #include "callbacks/ServiceCallbacks.h"
 #include "channel/CommandTable.h"
@@ -29,9 +30,8 @@ template <typename Table>
 constexpr bool canBeAskedFor(const Table& table) {
     for (const auto& handlers : table) {
         const CommandRow& row = rowOf(kCommandTable, handlers.code);
-        if ((handlers.server != nullptr && row.server.isEmpty()) ||
-            (handlers.store != nullptr && row.store.isEmpty()) ||
-            (handlers.config != nullptr && row.config.isEmpty()))
+        if ((handlers.server && row.server.isEmpty()) || (handlers.store && row.store.isEmpty()) ||
+            (handlers.config && row.config.isEmpty()))
             return false;
     }
     return true;
@@ -45,41 +45,46 @@ const std::string& firstArgument(const Commands& command, const std::string& mis
 
 }  // namespace
 
-/// What a service does for a command that it is asked for with a target; nothing where the command is
+/// What a service does for a command that it is asked for with a target; none where the command is
 /// answered as a bad one of that target.
 struct Service::Handlers {
     Commands::Command code;
-    Answer (Service::*server)(const Commands& command);
-    Answer (Service::*store)(const Commands& command, ExternalCertificatesStorage& store);
+    using Server = Answer (Service::*)(const Commands& command);
+    using Store = Answer (Service::*)(const Commands& command, ExternalCertificatesStorage& store);
     /// Without an answer where that comes later.
-    std::optional<Answer> (Service::*config)();
+    using Config = std::optional<Answer> (Service::*)();
+    // Not null pointers: whether an address is null, compilers with sanitizers say only at run time.
+    std::optional<Server> server;
+    std::optional<Store> store;
+    std::optional<Config> config;
 };
 
 const Service::Handlers& Service::handlersOf(Commands::Command command) {
     // Code, and what is done for "server", for "ca" and "client", and for "config".
+    constexpr auto none = std::nullopt;
     static constexpr std::array<Handlers, Commands::CommandEnd> table{{
-        {Commands::CommandReload, nullptr, nullptr, &Service::startReload},
-        {Commands::CommandHelp, nullptr, nullptr, nullptr},
-        {Commands::CommandGetCsr, nullptr, nullptr, nullptr},
-        {Commands::CommandCreateCsr, &Service::createCsr, nullptr, nullptr},
-        {Commands::CommandCreateCrt, nullptr, nullptr, nullptr},
-        {Commands::CommandApplyCrt, &Service::applyCrt, nullptr, nullptr},
-        {Commands::CommandRevoke, &Service::revokeServer, &Service::revokeFrom, nullptr},
-        {Commands::CommandList, nullptr, nullptr, nullptr},
-        {Commands::CommandAdd, nullptr, &Service::addTo, nullptr},
-        {Commands::CommandInfo, nullptr, nullptr, nullptr},
-        {Commands::CommandDetails, nullptr, nullptr, nullptr},
-        {Commands::CommandPath, nullptr, nullptr, nullptr},
-        {Commands::CommandGetKey, nullptr, nullptr, nullptr},
-        {Commands::CommandGetCert, nullptr, nullptr, nullptr},
-        {Commands::CommandNone, nullptr, nullptr, nullptr},
-        {Commands::CommandGetOverwrittenData, nullptr, nullptr, nullptr},
-        {Commands::CommandSetOverwrittenData, nullptr, nullptr, nullptr},
-        {Commands::CommandListByCN, nullptr, nullptr, nullptr},
-        {Commands::CommandStatus, nullptr, nullptr, &Service::tellStatus},
-        {Commands::CommandGetCsrInfo, &Service::describeRequest, nullptr, nullptr},
-        {Commands::CommandGetCertInfo, &Service::describeFile, &Service::describeStored, nullptr},
-        {Commands::CommandGetCsrTimestamp, nullptr, nullptr, nullptr},
+        {Commands::CommandReload, none, none, &Service::startReload},
+        {Commands::CommandHelp, none, none, none},
+        {Commands::CommandGetCsr, none, none, none},
+        {Commands::CommandCreateCsr, &Service::createCsr, none, none},
+        {Commands::CommandCreateCrt, none, none, none},
+        {Commands::CommandApplyCrt, &Service::applyCrt, none, none},
+        {Commands::CommandRevoke, &Service::revokeServer, &Service::revokeFrom, none},
+        {Commands::CommandList, none, none, none},
+        {Commands::CommandAdd, none, &Service::addTo, none},
+        {Commands::CommandInfo, none, none, none},
+        {Commands::CommandDetails, none, none, none},
+        {Commands::CommandPath, none, none, none},
+        {Commands::CommandGetKey, none, none, none},
+        {Commands::CommandGetCert, none, none, none},
+        {Commands::CommandNone, none, none, none},
+        {Commands::CommandGetOverwrittenData, none, none, none},
+        {Commands::CommandSetOverwrittenData, none, none, none},
+        {Commands::CommandListByCN, none, none, none},
+        {Commands::CommandStatus, none, none, &Service::tellStatus},
+        {Commands::CommandGetCsrInfo, &Service::describeRequest, none, none},
+        {Commands::CommandGetCertInfo, &Service::describeFile, &Service::describeStored, none},
+        {Commands::CommandGetCsrTimestamp, none, none, none},
     }};
     static_assert(hasEveryCommand(table));
     static_assert(canBeAskedFor(table));
@@ -128,7 +133,7 @@ std::optional<Answer> Service::dispatch(const Commands& command) {
 
 std::optional<Answer> Service::execConfig(const Commands& command) {
     const auto handler = handlersOf(command.getCommand()).config;
-    return handler != nullptr ? (this->*handler)() : Answer{AnswerBadCommand, "Bad Command config"};
+    return handler ? (this->**handler)() : Answer{AnswerBadCommand, "Bad Command config"};
 }
 
 std::optional<Answer> Service::tellStatus() {
@@ -146,7 +151,7 @@ Answer Service::execServer(const Commands& command) {
     if (!server_)
         return logged(AnswerNotPossible, "Server doesn't exist for " + getServiceId());
     if (const auto handler = handlersOf(command.getCommand()).server)
-        return (this->*handler)(command);
+        return (this->**handler)(command);
     Log::write(SeverityError, "Bad command server for service: " + getServiceId());
     return {AnswerBadCommand, "Bad Command server"};
 }
@@ -242,7 +247,7 @@ Answer Service::execStore(const Commands& command, ExternalCertificatesStorage* 
     if (store == nullptr)
         return {AnswerNotPossible, missing};
     const auto handler = handlersOf(command.getCommand()).store;
-    return handler != nullptr ? (this->*handler)(command, *store) : Answer{AnswerBadCommand, badCommand};
+    return handler ? (this->**handler)(command, *store) : Answer{AnswerBadCommand, badCommand};
 }
 
 Answer Service::describeStored(const Commands& command, ExternalCertificatesStorage& store) {
