@@ -11,10 +11,10 @@
 #include <stdexcept>
 #include <string>
 
-#include "callbacks/ServiceCallbacks.h"
 #include "config/InternalCertificatesAccessor.h"
 #include "config/ServiceConfiguration.h"
 #include "server/Server.h"
+#include "testsupport/SilentCallbacks.h"
 #include "testsupport/TestDevice.h"
 #include "x509/EVP_PKEY_T.h"
 #include "x509/X509_T.h"
@@ -23,18 +23,6 @@ namespace {
 
 using namespace keywarden;
 using testsupport::TestDevice;
-
-class SilentOwner : public ServiceCallbacks {
-  public:
-    void started() override {}
-    void stopped() override {}
-    void allStarted() override {}
-    void newGeneratedCertificate(const std::string&) override {}
-    void updateValidityGeneratedCertificate(int, int) override {}
-    void newExternalCertificate(const std::string&, const std::string&) override {}
-    void revokedExternalCertificate(const std::string&, const std::string&) override {}
-    void revokedExternalCertificate(const std::string&, const std::vector<std::string>&) override {}
-};
 
 void prepareService(const std::string& id) {
     const TestDevice& device = TestDevice::get();
@@ -87,7 +75,7 @@ void BareFiles(benchmark::State& state) {
     const std::string service = "bare" + std::to_string(run++);
     prepareService(service);
     const ServiceConfiguration configuration(service);
-    const Server server(configuration, std::make_shared<SilentOwner>());
+    const Server server(configuration, std::make_shared<testsupport::SilentCallbacks>());
     const auto files = writtenFiles(service);
     for (auto _ : state)
         for (std::size_t index = 0; index < files.size(); ++index)
@@ -101,7 +89,7 @@ void KeywardInstallation(benchmark::State& state) {
     const std::string service = "install" + std::to_string(run++);
     prepareService(service);
     const ServiceConfiguration configuration(service);
-    Server server(configuration, std::make_shared<SilentOwner>());
+    Server server(configuration, std::make_shared<testsupport::SilentCallbacks>());
     const InternalCertificatesAccessor paths(service, "server");
     const std::string id = paths.getActive();
     const X509_T certificate(paths.certPath(id));

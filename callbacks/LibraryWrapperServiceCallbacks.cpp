@@ -79,6 +79,12 @@ void* symbol(const Library& library, const char* name, const LoadFailure& failur
     throw failure.because(reason);
 }
 
+int versionOf(const Library& library) {
+    const auto* const version =
+        static_cast<const int*>(::dlsym(library.get(), "keywarden_callbacks_version"));
+    return version == nullptr ? 1 : *version;
+}
+
 /// What loading gives. The library is the last to go.
 template <typename Create, typename Destroy>
 struct Loaded {
@@ -86,11 +92,13 @@ struct Loaded {
     Create create = nullptr;
     Destroy destroy = nullptr;
     ServiceCallbacks* object = nullptr;
+    int version = 1;
 
     void load(const std::string& serviceId, const std::string& path, const LoadFailure& failure) {
         library = open(path, failure);
         create = reinterpret_cast<Create>(symbol(library, "create", failure));
         destroy = reinterpret_cast<Destroy>(symbol(library, "destroy", failure));
+        version = versionOf(library);
         std::string reason = "create gave no object";
         try {
             object = create(serviceId);
@@ -118,6 +126,7 @@ LibraryWrapperServiceCallbacks::LibraryWrapperServiceCallbacks(const std::string
     create_ = loaded->create;
     destroy_ = loaded->destroy;
     object_ = loaded->object;
+    version_ = loaded->version;
     handle_ = loaded->library.release();
 }
 

@@ -38,6 +38,10 @@ class LibraryWrapperServiceCallbacks : public ServiceCallbacks, public Delivery 
 
     [[nodiscard]] bool lastEventWasDelivered() const override { return !givenUp_; }
 
+    /// The version of the interface that the library was built for: an operation that was appended later is
+    /// not there to be called.
+    [[nodiscard]] int version() const { return version_; }
+
   private:
     using Create = ServiceCallbacks* (*)(const std::string&);
     using Destroy = void (*)(ServiceCallbacks*);
@@ -52,6 +56,7 @@ class LibraryWrapperServiceCallbacks : public ServiceCallbacks, public Delivery 
     void* handle_ = nullptr;
     Create create_ = nullptr;
     Destroy destroy_ = nullptr;
+    int version_ = 1;
     std::atomic<bool> givenUp_{false};
 };
 

@@ -5,6 +5,14 @@
 
 namespace keywarden {
 
+/// The version of the interface below, one more with each operation that is appended. A library may export
+/// the one that it was built for,
+///
+///     extern "C" const int keywarden_callbacks_version = keywarden::kCallbacksVersion;
+///
+/// and is not told of events that came later. One that exports none was built for version 1.
+constexpr int kCallbacksVersion = 1;
+
 /// How a service's owner is told of certificate events. The order of the operations is the interface of
 /// callback libraries: append, never reorder.
 class ServiceCallbacks {

@@ -5,7 +5,9 @@
 
 #include "callbacks/ServiceCallbacks.h"
 
-/// Hears every event and does nothing.
+namespace testsupport {
+
+/// An owner who hears every event and does nothing: for whoever wants one of them, or none.
 class SilentCallbacks : public keywarden::ServiceCallbacks {
   public:
     void started() override {}
@@ -18,3 +20,5 @@ class SilentCallbacks : public keywarden::ServiceCallbacks {
     void revokedExternalCertificate(const std::string& /*store*/,
                                     const std::vector<std::string>& /*ids*/) override {}
 };
+
+}  // namespace testsupport

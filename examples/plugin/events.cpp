@@ -57,6 +57,9 @@ class Events : public keywarden::ServiceCallbacks {
 
 }  // namespace
 
+// What it was built for: a later daemon then calls nothing that is not there.
+extern "C" const int keywarden_callbacks_version = keywarden::kCallbacksVersion;
+
 // The two functions by which the daemon gets and gives back the object. It must be destroyed here, by the
 // library that made it.
 extern "C" keywarden::ServiceCallbacks* create(const std::string& serviceId) {

@@ -12,13 +12,13 @@
 #include "FaultRun.h"
 #include "Told.h"
 #include "callbacks/Delivery.h"
-#include "callbacks/ServiceCallbacks.h"
 #include "config/InternalCertificatesAccessor.h"
 #include "config/ServiceConfiguration.h"
 #include "server/Server.h"
 #include "support/Tools.h"
 #include "testsupport/CapturedLog.h"
 #include "testsupport/CertificateFactory.h"
+#include "testsupport/SilentCallbacks.h"
 #include "testsupport/TestDevice.h"
 #include "x509/Inspection.h"
 
@@ -41,21 +41,14 @@ constexpr const char* kService = "web";
 constexpr const char* kAuthority = "pkiroot";
 
 /// Keeps what it is told, by the certificate that is in its place at that moment.
-class RecordingOwner : public keywarden::ServiceCallbacks {
+class RecordingOwner : public testsupport::SilentCallbacks {
   public:
     explicit RecordingOwner(std::string service) : service_(std::move(service)) {}
-    void started() override {}
-    void stopped() override {}
-    void allStarted() override {}
     void newGeneratedCertificate(const std::string& id) override {
         const InternalCertificatesAccessor store(service_, "server");
         if (service_ == kService && Sandbox::exists(store.certPath(id)))
             faults::recordTold(faults::eventOf("new", Sandbox::read(store.certPath(id))));
     }
-    void updateValidityGeneratedCertificate(int, int) override {}
-    void newExternalCertificate(const std::string&, const std::string&) override {}
-    void revokedExternalCertificate(const std::string&, const std::string&) override {}
-    void revokedExternalCertificate(const std::string&, const std::vector<std::string>&) override {}
 
   private:
     std::string service_;

@@ -1,9 +1,9 @@
 #include <stdexcept>
 
-#include "tests/plugins/SilentCallbacks.h"
+#include "testsupport/SilentCallbacks.h"
 
 extern "C" keywarden::ServiceCallbacks* create(const std::string& /*serviceId*/) {
-    static SilentCallbacks callbacks;
+    static testsupport::SilentCallbacks callbacks;
     return &callbacks;
 }
 

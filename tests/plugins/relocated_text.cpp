@@ -5,7 +5,7 @@
 #include <string>
 
 #include "tests/plugins/Record.h"
-#include "tests/plugins/SilentCallbacks.h"
+#include "testsupport/SilentCallbacks.h"
 
 // Declared first: a constant would be this file's alone.
 extern "C" const char keywardOwnersWord[8];
@@ -28,7 +28,7 @@ __asm__(
 
 namespace {
 
-class Relocated : public SilentCallbacks {
+class Relocated : public testsupport::SilentCallbacks {
   public:
     void newGeneratedCertificate(const std::string& /*id*/) override { record(keywardWordInText); }
 };

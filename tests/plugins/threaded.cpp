@@ -8,7 +8,7 @@
 #include <memory>
 
 #include "tests/plugins/Record.h"
-#include "tests/plugins/SilentCallbacks.h"
+#include "testsupport/SilentCallbacks.h"
 
 namespace {
 
@@ -27,7 +27,7 @@ void* goOn(void* /*unused*/) {
         ::usleep(100);
 }
 
-class Threaded : public SilentCallbacks {
+class Threaded : public testsupport::SilentCallbacks {
   public:
     Threaded() {
         pthread_t thread = 0;

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "support/KeywardenDaemonException.h"
-#include "tests/plugins/SilentCallbacks.h"
+#include "testsupport/SilentCallbacks.h"
 
 namespace {
 
@@ -38,7 +38,7 @@ void happens(const std::string& event) {
     throw 42;
 }
 
-class Throwing : public SilentCallbacks {
+class Throwing : public testsupport::SilentCallbacks {
   public:
     void started() override { happens("started"); }
     void stopped() override { happens("stopped"); }

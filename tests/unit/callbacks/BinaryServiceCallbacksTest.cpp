@@ -17,6 +17,7 @@
 #include "testsupport/CapturedLog.h"
 #include "testsupport/Child.h"
 #include "testsupport/Sandbox.h"
+#include "testsupport/SilentCallbacks.h"
 #include "testsupport/Traces.h"
 
 namespace {
@@ -295,18 +296,7 @@ TEST_F(BinaryCallbacks, EventThatAStopOfTheDaemonCutsOffIsNotDelivered) {
 }
 
 TEST(Delivery, OfCallbacksThatDoNotTellIsTaken) {
-    class Others : public keywarden::ServiceCallbacks {
-        void started() override {}
-        void stopped() override {}
-        void allStarted() override {}
-        void newGeneratedCertificate(const std::string& /*id*/) override {}
-        void updateValidityGeneratedCertificate(int /*validIn*/, int /*expireIn*/) override {}
-        void newExternalCertificate(const std::string& /*store*/, const std::string& /*id*/) override {}
-        void revokedExternalCertificate(const std::string& /*store*/, const std::string& /*id*/) override {}
-        void revokedExternalCertificate(const std::string& /*store*/,
-                                        const std::vector<std::string>& /*ids*/) override {}
-    };
-    EXPECT_TRUE(wasDelivered(Others()));
+    EXPECT_TRUE(wasDelivered(testsupport::SilentCallbacks()));
 }
 
 }  // namespace

@@ -98,6 +98,29 @@ TEST_F(LibraryCallbacks, EachEventReachesTheObjectWithItsArguments) {
     EXPECT_TRUE(CapturedLog::lines().empty()) << CapturedLog::dump();
 }
 
+TEST_F(LibraryCallbacks, TableThatWasWrittenByHandIsCalledAtTheSamePlaces) {
+    {
+        LibraryWrapperServiceCallbacks callbacks("web", PLUGIN_HANDWRITTEN);
+        EXPECT_EQ(callbacks.version(), 2);
+        callbacks.started();
+        callbacks.stopped();
+        callbacks.allStarted();
+        callbacks.newGeneratedCertificate("3a5f09c1.0");
+        callbacks.updateValidityGeneratedCertificate(-10, 19);
+        callbacks.newExternalCertificate("ca", "0a1b2c3d.1");
+        callbacks.revokedExternalCertificate("client", std::string("0a1b2c3d.2"));
+        callbacks.revokedExternalCertificate("ca", std::vector<std::string>{"00000002.0", "00000001.0"});
+    }
+    EXPECT_EQ(Sandbox::read(record()),
+              "started\nstopped\nallStarted\nnewGenerated 3a5f09c1.0\nupdateValidity -10 19\n"
+              "newExternal ca 0a1b2c3d.1\nrevokedOne client 0a1b2c3d.2\nrevokedSeveral ca 00000001.0\n"
+              "destroy\n");
+}
+
+TEST_F(LibraryCallbacks, LibraryThatSaysNoVersionWasBuiltForTheFirst) {
+    EXPECT_EQ(LibraryWrapperServiceCallbacks("web", PLUGIN_RECORDER).version(), 1);
+}
+
 TEST_F(LibraryCallbacks, LibraryIsUnloadedAfterItsObjectIsReleased) {
     { const LibraryWrapperServiceCallbacks callbacks("web", PLUGIN_RECORDER); }
     EXPECT_FALSE(isLoaded(PLUGIN_RECORDER));
