@@ -127,6 +127,16 @@ std::vector<gid_t> ownGroups() {
 
 }  // namespace
 
+namespace {
+
+// Nobody has these numbers: the calls only say what is set.
+bool hasFileRights(uid_t uid, gid_t gid) {
+    return static_cast<uid_t>(::setfsuid(static_cast<uid_t>(-1))) == uid &&
+           static_cast<gid_t>(::setfsgid(static_cast<gid_t>(-1))) == gid;
+}
+
+}  // namespace
+
 // With the file system's user the kernel takes the capabilities away that reach past rights of files.
 ActingAs::ActingAs(const std::string& user) : groups_(ownGroups()) {
     if (::geteuid() != 0)
@@ -134,15 +144,22 @@ ActingAs::ActingAs(const std::string& user) : groups_(ownGroups()) {
     const UserEntry entry = requireUser(user);
     const std::vector<gid_t> groups = groupsOf(user);
     const gid_t gid = lookUpAgain([&user] { return groupIdOf(user); }).value_or(entry.gid);
-    acts_ = true;
-    static_cast<void>(::setgroups(groups.size(), groups.data()));
+    const bool hasGroups = ::setgroups(groups.size(), groups.data()) == 0;
     ::setfsgid(gid);
     ::setfsuid(entry.uid);
+    acts_ = true;
+    if (hasGroups && hasFileRights(entry.uid, gid))
+        return;
+    giveBack();
+    throw KeywardenDaemonException("The files cannot be reached with the rights of the user " + user);
 }
 
 ActingAs::~ActingAs() {
-    if (!acts_)
-        return;
+    if (acts_)
+        giveBack();
+}
+
+void ActingAs::giveBack() const {
     ::setfsuid(::geteuid());
     ::setfsgid(::getegid());
     static_cast<void>(::setgroups(groups_.size(), groups_.data()));

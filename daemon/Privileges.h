@@ -8,9 +8,9 @@
 namespace keywarden {
 
 /// While it lives, files are reached with a user's rights and groups and no more, though the process is root.
-/// Does nothing when the process is not root. Throws KeywardenDaemonException when the user is not found:
-/// what was to be done as the user is not done as root. Before the first thread only: groups are the whole
-/// process's.
+/// Does nothing when the process is not root. Throws KeywardenDaemonException when the user is not found,
+/// or the system refuses the change: what was to be done as the user is not done as root. Before the first
+/// thread only: groups are the whole process's.
 class ActingAs {
   public:
     explicit ActingAs(const std::string& user);
@@ -19,6 +19,8 @@ class ActingAs {
     ~ActingAs();
 
   private:
+    void giveBack() const;
+
     bool acts_ = false;
     std::vector<gid_t> groups_;
 };
