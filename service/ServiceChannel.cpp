@@ -193,11 +193,15 @@ std::optional<std::string> ServiceChannel::removeFolder() {
 
 void ServiceChannel::startReader(Retry::Attempts attempts, void* (*body)(void*)) {
     const std::string failure = "Impossible to start the handler for service " + id();
-    pthread_t thread = 0;
-    const auto attempt = [&] { return ::pthread_create(&thread, nullptr, body, this) == 0; };
+    // Known before the thread runs: a reload that it is asked for at once has to end it.
+    const auto attempt = [&] {
+        if (::pthread_create(&reader_, nullptr, body, this) == 0)
+            return true;
+        reader_ = 0;
+        return false;
+    };
     if (!retry_.succeeds(attempt, attempts, failure))
         throw KeywardenDaemonException(failure);
-    reader_ = thread;
 }
 
 // What took the fifo away may end.
