@@ -150,7 +150,9 @@ void BinaryServiceCallbacks::run(const std::vector<std::string>& event, Trace tr
     } catch (...) {
         Log::write(SeverityError, subject + " could not be run: " + Failure::current().text());
     }
-    delivered_ = delivered;
+    // "allStarted", which may come beside another event and is of no certificate, decides nothing.
+    if (trace == Trace::Yes)
+        delivered_ = delivered;
 }
 
 bool BinaryServiceCallbacks::runScript(const std::vector<std::string>& event, Trace trace,

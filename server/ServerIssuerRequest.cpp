@@ -1,4 +1,5 @@
 // The pending request for an external PKI, and the certificate that comes back for it.
+#include <new>
 #include <utility>
 
 #include "channel/Answer.h"
@@ -8,6 +9,7 @@
 #include "support/Clock.h"
 #include "support/Debug.h"
 #include "support/Failure.h"
+#include "support/FileWriteError.h"
 #include "support/KeywardenDaemonException.h"
 #include "support/Tools.h"
 #include "x509/Description.h"
@@ -105,6 +107,11 @@ std::pair<X509_REQ_T, EVP_PKEY_T> ServerIssuer::readPendingRequest() {
         X509_REQ_T request = store_.pendingRequest();
         EVP_PKEY_T key = store_.pendingKey();
         return {std::move(request), std::move(key)};
+    } catch (const FileWriteError&) {
+        // A disk or a want of descriptors that may be over in a moment: the request can still be used.
+        throw KeywardenDaemonException(AnswerRequestUnreadable, describeFailure(kRequestFailed, name()));
+    } catch (const std::bad_alloc&) {
+        throw;
     } catch (...) {
         const std::string message = describeFailure(kRequestFailed, name());
         store_.removeCsr();

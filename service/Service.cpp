@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <exception>
 #include <new>
 #include <stdexcept>
 
@@ -306,11 +307,25 @@ void Service::tellAgain() {
 void Service::tellAgain(ExternalCertificatesStorage* store) {
     if (store == nullptr)
         return;
-    for (const std::vector<std::string>& event : store->toBeTold())
-        if (!tellAgain(*store, event.front(), {event.begin() + 1, event.end()}))
-            return;
+    std::exception_ptr failure;
+    bool isTold = true;
+    for (const std::vector<std::string>& event : store->toBeTold()) {
+        try {
+            isTold = tellAgain(*store, event.front(), {event.begin() + 1, event.end()});
+        } catch (const std::bad_alloc&) {
+            throw;  // perhaps before anybody was told
+        } catch (...) {
+            // A library that throws was told all the same; the others are told, too.
+            failure = failure ? failure : std::current_exception();
+        }
+        if (!isTold)
+            break;
+    }
     // Struck out together: one that is told twice does no harm, one that is forgotten does.
-    store->told();
+    if (isTold)
+        store->told();
+    if (failure)
+        std::rethrow_exception(failure);
 }
 
 bool Service::tellAgain(ExternalCertificatesStorage& store, const std::string& event,
@@ -318,18 +333,10 @@ bool Service::tellAgain(ExternalCertificatesStorage& store, const std::string& e
     Log::write(SeverityNotice, "The owner of the service '" + getServiceId() +
                                    "' is told again of the event '" + store.storeName() + " " + event +
                                    "' for " + ids.front() + ".");
-    try {
-        if (event == "new")
-            callbacks_->newExternalCertificate(store.storeName(), ids.front());
-        else
-            callbacks_->revokedExternalCertificate(store.storeName(), ids);
-    } catch (const std::bad_alloc&) {
-        throw;  // perhaps before anybody was told
-    } catch (...) {
-        // A library that throws was told all the same.
-        store.told();
-        throw;
-    }
+    if (event == "new")
+        callbacks_->newExternalCertificate(store.storeName(), ids.front());
+    else
+        callbacks_->revokedExternalCertificate(store.storeName(), ids);
     return wasDelivered(*callbacks_);
 }
 

@@ -79,6 +79,7 @@ std::string ExternalCertificatesStorage::add(const std::string& sourcePath) {
 
 void ExternalCertificatesStorage::saveFiles(const std::string& id, const X509_T& certificate,
                                             std::string_view content) {
+    const std::string commonName = subjectCommonName(certificate);
     try {
         FileTransaction change(journal_);
         debugTrace(" -> Copy the certificate...");
@@ -92,6 +93,7 @@ void ExternalCertificatesStorage::saveFiles(const std::string& id, const X509_T&
         }
         change.tell({kNewEvent, id});
         change.commit();
+        idCnMap_.set(id, commonName);
     } catch (...) {
         // Read anew, whatever lies there now.
         idCnMap_.remove(id);
@@ -105,7 +107,6 @@ void ExternalCertificatesStorage::saveFiles(const std::string& id, const X509_T&
         }
         throw;
     }
-    idCnMap_.set(id, subjectCommonName(certificate));
 }
 
 void ExternalCertificatesStorage::stageFiles(FileTransaction& change, const std::string& id,
@@ -165,7 +166,7 @@ std::vector<std::vector<std::string>> ExternalCertificatesStorage::toBeTold() co
         // A certificate that has gone or come back since is no such news any more.
         const bool isNew = event.front() == kNewEvent;
         for (std::size_t word = 1; word < event.size(); ++word)
-            if (idCnMap_.certificateIdExist(event[word]) == isNew)
+            if (!isKnown_ || idCnMap_.certificateIdExist(event[word]) == isNew)
                 current.push_back(event[word]);
         if (current.size() > 1)
             events.push_back(std::move(current));
@@ -323,6 +324,13 @@ CertificateIdList ExternalCertificatesStorage::revoke(const std::vector<std::str
     CertificateIdList revoked;
     if (revokeTogether(ids, revoked))
         return revoked;
+    // They are gone, and nobody may hear of it by what fails below.
+    if (!revoked.empty()) {
+        Journal::Event event{kRevokeEvent};
+        for (const std::string& id : revoked.toArray())
+            event.push_back(id);
+        rememberToTell(event);
+    }
     for (const std::string& id : ids)
         if (idCnMap_.certificateIdExist(id) && revoke(id))
             revoked.add(id);

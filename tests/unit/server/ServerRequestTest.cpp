@@ -324,6 +324,18 @@ TEST_F(ServerRequest, ApplyWithAnUnreadableRequestFailsWithCode21AndRemovesIt) {
     EXPECT_EQ("", pendingFiles());
 }
 
+TEST_F(ServerRequest, RequestThatCannotBeReadForAMomentIsStillThere) {
+    startWithRequest();
+    const std::string path = certified();
+    const uid_t owner = ::geteuid();
+    ASSERT_EQ(0, ::chown(store().csrPath().c_str(), owner + 1, static_cast<gid_t>(-1)));
+    EXPECT_EQ(21, applyFailure(path).first);
+    ASSERT_EQ(0, ::chown(store().csrPath().c_str(), owner, static_cast<gid_t>(-1)));
+    EXPECT_EQ("csr key network ", pendingFiles());
+    server().applyCrt(path);
+    EXPECT_EQ("", pendingFiles());
+}
+
 TEST_F(ServerRequest, ApplyWithoutTheRequestsKeyFailsWithCode21AndRemovesIt) {
     startWithRequest();
     const std::string path = certified();
