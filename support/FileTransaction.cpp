@@ -68,6 +68,9 @@ void FileTransaction::commitAtAnyRate() {
             Log::write(SeverityError,
                        std::string("A change of files goes on without a journal: ") + error.what());
             goOnWithoutJournal();
+        } catch (...) {
+            removeEarlier();
+            throw;
         }
     }
     run();
@@ -182,6 +185,8 @@ void FileTransaction::abandon(const std::string& failed) {
         writer_.leaveStaged();
         Log::write(SeverityError,
                    std::string("A change of files that failed stays journalled: ") + error.what());
+    } catch (...) {
+        writer_.leaveStaged();  // no memory even to say so
     }
 }
 

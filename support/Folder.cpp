@@ -288,10 +288,10 @@ UniqueFd Folder::openFifo(const std::string& name) const {
 // else by then.
 UniqueFd Folder::makeFifo(const std::string& name, mode_t mode, const std::string& group) const {
     const std::string fresh = nameBeside(checked(name));
+    const auto gid = groupIdOf(group);
     if (::mkfifoat(get(), fresh.c_str(), 0600) != 0)
         return {};
     UniqueFd end = openFifo(fresh);
-    const auto gid = groupIdOf(group);
     const bool done =
         end && (!gid || ::fchown(end.get(), kUnchangedUser, *gid) == 0) && ::fchmod(end.get(), mode) == 0;
     if (done && putInPlace(fresh, name))

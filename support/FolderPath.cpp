@@ -39,9 +39,10 @@ bool isTrusted(const FileStatus& link) {
     return link.uid == 0 || link.uid == ::geteuid();
 }
 
-std::string targetOf(int folder, const std::string& name) {
+// Of the link that was looked at, not of what has its name by now. Empty, with errno, when it cannot be read.
+std::string targetOf(int link) {
     std::array<char, PATH_MAX> target{};
-    const ssize_t size = ::readlinkat(folder, name.c_str(), target.data(), target.size());
+    const ssize_t size = ::readlinkat(link, "", target.data(), target.size());
     return size > 0 ? std::string(target.data(), static_cast<std::size_t>(size)) : std::string();
 }
 
@@ -88,8 +89,10 @@ class Walk {
             errno = ELOOP;
             return false;
         }
-        const std::string target = targetOf(here_.get(), name);
-        if (!target.empty() && target.front() == '/')
+        const std::string target = targetOf(next.get());
+        if (target.empty())
+            return false;
+        if (target.front() == '/')
             here_ = beginningOf(target);
         prepend(ahead_, target);
         return static_cast<bool>(here_);

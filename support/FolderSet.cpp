@@ -144,6 +144,8 @@ bool FolderSet::remove(const std::string& path) const {
         error = file.folder->remove(file.name) ? 0 : errno;
     } catch (const FileWriteError& failure) {
         error = failure.errorNumber();
+    } catch (const std::runtime_error&) {
+        error = EIO;  // a shared folder that could not be made again
     }
     const bool isGone = error == 0 || error == ENOENT;
     if (!isGone)
