@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include "channel/PipeFiles.h"
 #include "config/DaemonConfiguration.h"
@@ -114,7 +115,12 @@ void prepareProcess() {
     ::sigprocmask(SIG_BLOCK, &stops, nullptr);
     // Many threads that mostly sleep: one heap for all of them instead of one each.
     ::mallopt(M_ARENA_MAX, 1);
-    initialiseCrypto();
+    try {
+        initialiseCrypto(true);
+    } catch (const std::bad_alloc&) {
+        // It would take the keys in force for bad ones for as long as this process lives, and make others.
+        exitDaemon(ExitFailure, "There is not enough memory to start.", false);
+    }
 }
 
 void initCheck() {

@@ -11,6 +11,7 @@
 #include <charconv>
 #include <cstdint>
 #include <memory>
+#include <new>
 
 #include "support/Failure.h"
 #include "support/Log.h"
@@ -177,7 +178,16 @@ bool keyMatchesCertificate(const EVP_PKEY_T& key, const X509_T& certificate) {
     return matches;
 }
 
-bool initialiseCrypto() {
+namespace {
+
+void logNotReady() {
+    const std::string text = "The cryptographic library is not ready for use";
+    Log::write(SeverityError, Failure::current().message(text + ": ", text));
+}
+
+}  // namespace
+
+bool initialiseCrypto(bool throwing) {
     MemoryWatch::countRequests();
     try {
         // Nobody prints libcrypto's words for its errors, which would take 50 KiB.
@@ -186,11 +196,17 @@ bool initialiseCrypto() {
         if (OPENSSL_init_crypto(kOptions, nullptr) != 1) {
             throwCryptoFailure("it cannot be initialised.");
         }
+        // What it had no memory for it may leave out for good, and still do what is rehearsed.
+        const MemoryWatch watch;
         rehearseCrypto();
+        watch.throwIfRefused();
         return true;
+    } catch (const std::bad_alloc&) {
+        logNotReady();
+        if (throwing)
+            throw;
     } catch (...) {
-        const std::string text = "The cryptographic library is not ready for use";
-        Log::write(SeverityError, Failure::current().message(text + ": ", text));
+        logNotReady();
     }
     return false;
 }

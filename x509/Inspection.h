@@ -47,7 +47,8 @@ struct AlternativeNames {
 
 /// Prepares libcrypto so that exit() while other threads use it is safe and want of memory is noticed and
 /// does not last (MemoryWatch.h, Rehearsal.h). Once, before any other call of libcrypto. False, after an ERR
-/// line, when it could not be used; that may last as long as the process.
-bool initialiseCrypto();
+/// line, when it could not be used; that may last as long as the process. With `throwing`, want of memory is
+/// a std::bad_alloc after that line: what libcrypto has learnt then makes good keys look bad.
+bool initialiseCrypto(bool throwing = false);
 
 }  // namespace keywarden
