@@ -198,7 +198,12 @@ bool initialiseCrypto(bool throwing) {
         }
         // What it had no memory for it may leave out for good, and still do what is rehearsed.
         const MemoryWatch watch;
-        rehearseCrypto();
+        try {
+            rehearseCrypto();
+        } catch (...) {
+            watch.throwIfRefused();
+            throw;
+        }
         watch.throwIfRefused();
         return true;
     } catch (const std::bad_alloc&) {
